@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Builds the program, makes a sample test run, runs the program over it and shows what came out.
+#   scripts/try.sh [directory]     the test run stays in the directory (default: build/try)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install_dependencies.sh
+cmake --preset release -DTQP_TESTS=OFF >/dev/null
+cmake --build --preset release --target tqp tq_sample tqshow
+bin=$PWD/build/release/bin
+dir=${1:-$PWD/build/try}
+rm -rf "$dir"
+mkdir -p "$dir"
+run=1001
+test_run=$dir/logs/TR$run
+
+echo; echo "== a sample test run: two partitions, four application instances"
+"$bin/tq_sample" --dir "$dir" --testrun $run --keywords "TQP_BINARY_FORMAT_FOR_METHOD_TIMING 0;TQP_PRINT_SUMMARY_REPORT 1"
+wc -l "$test_run"/2*/tq/raw_data/*.txt
+
+echo; echo "== tqp over it"
+"$bin/tqp" -t $run -W "$dir" -m 0
+
+echo; echo "== what was counted (first instance, first report)"
+grep -v ': 0$' "$(find "$test_run" -name tqp_summary_report.txt | sort | head -1)" | sed '/^$/q'
+
+echo "== names that got global ids"
+wc -l "$test_run"/tq/csv/*.csv | grep -v ' 0 '
+echo; head -6 "$test_run/tq/csv/TQMetaData.csv"
+
+echo; echo "== flowpaths"
+"$bin/tqshow" --dir "$dir" --testrun $run | head -12
+
+echo; echo "== one of them as a call tree"
+"$bin/tqshow" --dir "$dir" --testrun $run --first | head -30
+
+echo; echo "== every reference checked"
+"$bin/tqshow" --dir "$dir" --testrun $run --check
+echo; echo "All files: $test_run"
