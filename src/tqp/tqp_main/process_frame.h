@@ -1,0 +1,131 @@
+// The frame of the process: command line, start-up files, signals, the main thread's wait, shutdown, and small services
+// around descriptors for the threads that talk to others.
+//   In      arguments, environment, files of the test run and of the machine, signals, the parent's life
+//   Out     the process globals, pid files and markers, wl_status, the last lines on standard output
+//   Thread  main, before and after all others; what other threads may call says so
+//   Failure a function that can end the process gives its exit status; main ends it. 0 is success everywhere
+//
+// Test hook: with TQP_OUTSIDE_ROOT in the environment, the fixed paths outside the test run (outside_paths) lie below
+// that directory instead of "/".
+#pragma once
+
+#include "tqp_main.h"
+
+#include <sys/epoll.h>
+
+// --- command line (command_line.cpp) -------------------------------------------------------------------------------
+
+// What the arguments say beside the globals of process_state.h.
+struct tqp_command_line {
+  std::string text;                  // the whole line, words joined by blanks
+  const char *working_dir = nullptr; // -W, a word of argv; null: not given
+  int online_flag = 1;               // -m; 1: the upload child is run
+  int testidx_count = 0;             // times -t was seen
+};
+
+// Reads the arguments into `out` and the globals. 0; else the usage is on standard output and the process has to end:
+// 1 for an unknown option or a missing argument, -1 when -t was not given exactly once.
+int tqp_parse_command_line(int argc, char **argv, tqp_command_line *out);
+
+// Sets wl_wdir from -W, which is exported as WL_WDIR, or from WL_WDIR. -1 when there is neither.
+int tqp_take_working_directory(const tqp_command_line &given);
+
+// Checks the chosen range of partitions and makes an offline run of one with -P. -1 for a range that cannot be.
+int tqp_check_partition_range(tqp_command_line *given);
+
+// --- files and facts of the start-up (startup_files.cpp) -----------------------------------------------------------
+
+// Puts the fixed outside paths below TQP_OUTSIDE_ROOT, if that is set.
+void tqp_apply_outside_root();
+
+// Takes over the pid files; a failure is only traced.
+void tqp_save_pid();
+
+// ownerid and grpid by the test run's directory. The group is the owner's primary one, if the directory's group exists.
+void read_owner_group();
+
+// CONFIG word of the machine; empty when there is none.
+void get_machine_config(std::string *mode);
+
+// Notes the newest partition the process knows: number, text, and where trace lines go. A number below 1 is stored as
+// number alone. Main, then the control thread.
+void tqp_set_newest_partition(int64_t partition);
+
+// The newest partition and the lower bound for resuming, from the command line or the test run.
+void tqp_find_partitions();
+
+// Path of the keyword file in the profile directory that changed last; nothing says that it exists.
+std::string tqp_find_keyword_file();
+
+// Puts the process under the machine's processor limit, if it has one.
+void tqp_add_pid_to_cgroup();
+
+// Words of the scenario: disk_processed_path, tqp_enable_health_mon.
+void tqp_get_disk_path();
+void tqp_get_auto_mon_reg_flag();
+
+// Empty markers for readers of the test run: the layout with tier and thread callouts; method timings as rows.
+void tqp_make_version_marker();
+void tqp_make_method_timing_marker();
+
+// True when the status command calls the test active; a missing command does not.
+bool tqp_test_is_active();
+
+// Lowest priority for every thread the process has.
+void tqp_lower_priority();
+
+// --- signals (signals.cpp) -----------------------------------------------------------------------------------------
+
+// Lets the main thread's signals in and installs every handler. Ends the process with -1 when there is no descriptor
+// left for waking main. May be called again.
+void tqp_start_signals();
+
+// Installs the handler of one signal of the table again.
+void tqp_install_signal_handler(int signal);
+
+// Readable after each signal that has a handler, and after tqp_wake_main, until drained.
+int tqp_signal_fd();
+void tqp_drain_signal_fd();
+
+// Cuts the main thread's sleep short. Any thread, and handlers.
+void tqp_wake_main();
+
+// Connected to no signal.
+extern std::atomic<int> sig_clean_threads;
+void clean_threads_sig_handler(int signal);
+
+// --- the main thread's wait (main_loop.cpp), the end (shutdown.cpp) ------------------------------------------------
+
+// Returns when the test run is over for this process; wl_status says how.
+void tqp_main_loop(int epfd);
+
+// Waits for the other threads, makes the last done file after a normal end, closes everything, prints the last lines.
+void tqp_shutdown(int epfd);
+
+// --- descriptors and commands (process_sockets.cpp); any thread ----------------------------------------------------
+
+// An epoll descriptor, close-on-exec, owned by the caller. Ends the process with -1 when there is none.
+int tqp_epoll_init(int size);
+
+// One change of what an epoll descriptor watches; events carry `fd` as data. 0, or -1, traced.
+int tqp_add_select(int epfd, int fd, uint32_t events);
+int tqp_mod_select(int epfd, int fd, uint32_t events);
+void tqp_remove_select(int epfd, int fd);
+
+// Writes all of buf. len, or -1 (also for fd -1). A descriptor that is full is tried again and again.
+int tqp_send_message(int fd, const char *buf, int len);
+
+// Most bytes tqp_read_line gives at once.
+constexpr int tqp_line_room = 131072;
+
+// Reads until a newline has come; the text may go on behind it. buf takes tqp_line_room + 1 bytes and always ends in a
+// NUL. What came without a newline waits in *partial (owned by the caller) for the next call.
+//   above 0  bytes in buf, a newline among them
+//   0        the other side has closed, or the room is full without a newline
+//   -1       fd is -1, or a read error, traced
+//   -2       nothing more now: no text, or a part of a line that is kept in *partial
+int tqp_read_line(int fd, char *buf, std::string *partial);
+
+// Runs a shell command; its output is dropped. Words from outside must be quoted (wllb_shell_quote). Its exit status, 0
+// when it died on a signal, -1 when it could not be started.
+int tqp_run_cmd(const char *command);

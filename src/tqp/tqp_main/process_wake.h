@@ -1,0 +1,14 @@
+// Sleeping and waking: a wait that only polls for a condition inside the process ends early when it may have come true.
+//   In      changes of wl_status, of the registry, of a pending partition switch
+//   Out     sleepers wake; nothing is lost when nobody sleeps
+//   Thread  any; process_wake_mutex is held only around the wait itself
+#pragma once
+
+// Stores the process state and wakes every sleeper. The one place that changes wl_status.
+void tqp_set_wl_status(char status);
+
+// Wakes every sleeper, so that it looks again at what it waits for.
+void tqp_wake_all();
+
+// Sleeps `ms` milliseconds at most. True: the time has passed; false: woken before.
+bool tqp_sleep_or_wake(int ms);

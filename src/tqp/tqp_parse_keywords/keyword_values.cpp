@@ -1,0 +1,113 @@
+// Definitions of the keyword globals. The keyword table alone knows their defaults.
+//   In      nothing
+//   Out     every keyword global, at its default before main begins
+//   Thread  see keyword_values.h
+//   Failure none
+#include "tqp_parse_keywords.h"
+
+int tq_trace_level;
+int tqp_extended_metadata;
+int omit_non_wl_flowpaths;
+int exclude_flowpaths_outside_testidx;
+int tsrun_poll_interval;
+int tqp_new_raw_data_poll_interval;
+int tqp_seq_blob_in_file_flag;
+int tqp_seq_blob_in_file_version;
+int tqp_seq_blob_in_file_rollover_size;
+int tqp_seq_blob_in_file_min_size;
+int tqp_seq_blob_compression_buffer_init_size;
+int init_concurrent_flowpaths;
+int delta_concurrent_flowpaths;
+int max_buffered_meta_data_bufsize;
+int max_buffered_bci_arg_bufsize;
+int max_buffered_http_header_bufsize;
+int max_buffered_excp_data_bufsize;
+int max_buffered_http_header_md_bufsize;
+int max_buffered_flowpath_bufsize;
+int max_buffered_jms_bufsize;
+int max_buffered_mem_alloc_table;
+int max_buffered_sql_table;
+int max_buffered_sql_record_table;
+int logfile_rollover_size;
+int force_upload_timeout;
+int secs_to_mark_an_fp_dead;
+int secs_to_clean_dead_flowpaths;
+int max_fi_array_entries;
+int max_entry_exit_records_in_an_fp;
+int method_timing_csv_flush_interval_secs;
+int lower_process_priority_flag;
+int disable_dumping_captured_http_body;
+int force_add_urc_for_wl_fpi_in_mapping_record;
+int tqp_debug_loglevel;
+int force_add_urc_for_missing_fp_mapping_record;
+int tqp_free_fp_min_sqb_size;
+int max_buffered_sqb_bufsize;
+int tqp_generate_fp_signatures;
+int tqdbu_rd_inst_count;
+int tqdbu_rd_inst_skip_sleep;
+int tqp_min_resptime_to_filter_l1_fp;
+int tqp_dump_urc;
+int tqp_meta_data_recovery_retry_timeout_in_sec;
+int tqp_max_suc_meta_data_req_count_per_partition;
+char *dummy_query;
+int tqp_sql_start_norm_id;
+int tqp_enable_sql_timing;
+int tqp_enable_sql_record;
+int tqp_max_begin_seq_len;
+int tqp_max_sql_index_from_bci;
+int tqp_enable_bciarg;
+int tqp_enable_metadata_recovery;
+int tqp_allow_req_detail_before_sqb_begin_rec;
+int tqp_free_fp_mem_on_completion;
+int tqp_binary_format_for_method_timing;
+int tqp_enable_jdbc_call;
+int tqp_enable_redix_call;
+int tqp_enable_mongodb_call;
+int tqp_enable_casscendra_call;
+int tqp_enable_neo4j_call;
+int tqp_enable_cloundant_call;
+int tqp_enable_bigtable_call;
+int tqp_enable_bigquery_call;
+int tqp_enable_ftp_call;
+int tqp_enable_dynamo_call;
+int enable_fp_stat_mon;
+int tqp_mempool_config_mode;
+int tqp_num_tqp_instances_init;
+int tqp_num_tqp_instances_delta;
+char deleted_instance_cleanup_delay[64];
+int tqp_mon_large_flowpath_method_count;
+int tqp_enable_auto_mon_reg;
+int tqp_enable_auto_mon_instance_reg;
+int tqp_enable_sql_metadata_recovery;
+int tqp_threshold_diff_bet_fp_and_entry_mtd_resptime;
+int tqp_num_nonprep_sql_load_at_init;
+int tqp_sql_nonprep_rollover_size_mb;
+long tqp_periodic_scandir_time;
+int tqp_errlog_throttle_interval;
+int tqp_append_parent_fpi_to_corrid;
+int tqp_max_fp_segments_count;
+int secs_to_hold_fp_for_pending_async_resp;
+int sec_to_check_pending_async_resp_fp;
+int interval_to_dump_sql_timing_data;
+int tqp_max_callout_len_allowed_in_kb;
+int tqp_add_pid_to_cgroups;
+int tqp_copy_recovery_files;
+int tqp_print_summary_report;
+int tqp_enable_string_similarity_for_sql;
+double tqp_sql_query_similarity_percentage;
+
+int tqe_id_starting_bit_location;
+int tqe_id_no_of_bits;
+int tqe_app_id_starting_bit_location;
+int tqe_app_id_no_of_bits;
+int tqe_ts_starting_bit_location;
+int tqe_ts_no_of_bits;
+int tqe_seqno_starting_bit_location;
+int tqe_seqno_of_bits;
+uint64_t tqe_id_mask_num;
+uint64_t tqe_app_id_mask_num;
+uint64_t tqe_ts_mask_num;
+uint64_t tqe_seqno_mask_num;
+
+// Defaults hold without a call, as initialised globals would have them.
+[[maybe_unused]] static const bool defaults_are_set = (tqp_keywords_init(), true);
