@@ -1,0 +1,373 @@
+// The local maps survive a restart: by whole saves, by saves of what changed, and beside files that are damaged.
+
+#include "output_files_fixture.h"
+#include "state_save.h"
+#include "tqp_recovery.h"
+
+#include <csignal>
+#include <map>
+#include <random>
+
+#include <sys/resource.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool memory_is_lazy = false; // there the maps come from the sanitizer's heap, which touches them
+#else
+constexpr bool memory_is_lazy = true;
+#endif
+
+namespace {
+
+constexpr int64_t highest_id = memory_is_lazy ? max_local_id : 1048575;
+
+std::string bytes_of(const wllb_zarray<int> &map) {
+  return {reinterpret_cast<const char *>(map.data), static_cast<size_t>(map.size) * 4};
+}
+
+std::string int_bytes(const std::vector<int> &ids) {
+  return {reinterpret_cast<const char *>(ids.data()), ids.size() * 4};
+}
+
+std::string sql_bytes(const std::vector<sql_query_map_t> &queries) {
+  return {reinterpret_cast<const char *>(queries.data()), queries.size() * sizeof(sql_query_map_t)};
+}
+
+int64_t resident_kb() {
+  std::ifstream statm("/proc/self/statm");
+  int64_t size = 0, resident = 0;
+  statm >> size >> resident;
+  return resident * sysconf(_SC_PAGESIZE) / 1024;
+}
+
+class recovery_files : public output_files {
+protected:
+  recovery_files() {
+    g_min_init_nonprep_sql_id = 0;
+    std::filesystem::create_directories(run_dir() + "tq/recovery/tier_server_app/tqp");
+    std::filesystem::create_directories(root + "/webapps/logs/TR1001/" + partition + "/tq/raw_data");
+    put_file(file(".SQLMapNewVer"), "");
+  }
+
+  ~recovery_files() override { tqp_free_local_maps(inst); }
+
+  std::string file(const char *name) const { return make_loc2_norm_file_path(inst, name); }
+
+  std::string file(int bit) const { return file(loc2norm_rows[bit].file_name); }
+
+  void save() const { write_loc2norm_rec_file(inst, 65535); }
+
+  // The process ends without a save and comes back.
+  void restart() const {
+    tqp_free_local_maps(inst);
+    inst->recovery_file_found = 0;
+    read_loc2norm_rec_file(inst, 65535);
+  }
+
+  int query(int loc_id) const {
+    return sql_query_map_read_loc2norm(inst->sql_query_map.data, loc_id, inst->sql_query_map_size, nullptr);
+  }
+};
+
+// What the files have to bring back.
+struct maps_model {
+  std::map<int64_t, int> ids[__NUM_LOC2NORM_BITS__];
+  std::map<int64_t, std::string> names;
+
+  void store(tqp_instance_t *inst, int bit, int64_t local_id, int norm_id) {
+    if (bit == LOC2NORM_SQL) {
+      tqp_store_sql(inst, static_cast<int>(local_id), norm_id, 3);
+      ids[bit].try_emplace(local_id, norm_id);
+      return;
+    }
+    ids[bit][local_id] = norm_id;
+    if (bit == LOC2NORM_HTTP_HEADER) {
+      names[local_id] = "X-" + std::to_string(norm_id);
+      tqp_store_http_header(inst, local_id, norm_id, names[local_id].c_str());
+    } else
+      tqp_store_loc2norm(inst, bit, local_id, norm_id);
+  }
+
+  void compare(const tqp_instance_t *inst, int bit) const {
+    SCOPED_TRACE(loc2norm_rows[bit].file_name);
+    if (bit == LOC2NORM_SQL) {
+      EXPECT_EQ(ids[bit].size(), static_cast<size_t>(inst->sql_query_map_size));
+      for (const auto &[local_id, norm_id] : ids[bit])
+        EXPECT_EQ(norm_id, sql_query_map_read_loc2norm(inst->sql_query_map.data, static_cast<int>(local_id),
+                                                       inst->sql_query_map_size, nullptr));
+      return;
+    }
+    const bool headers = bit == LOC2NORM_HTTP_HEADER;
+    const int64_t size = headers ? inst->http_header_map.size : (inst->*loc2norm_rows[bit].map).size;
+    size_t known = 0;
+    for (int64_t i = 0; i < size; ++i) {
+      const http_header_map_t header = headers ? inst->http_header_map.data[i] : http_header_map_t{};
+      const int norm_id = headers ? header.norm_http_header_id : (inst->*loc2norm_rows[bit].map).data[i];
+      if (norm_id == 0)
+        continue;
+      ++known;
+      ASSERT_TRUE(ids[bit].contains(i)) << i;
+      ASSERT_EQ(ids[bit].at(i), norm_id);
+      ASSERT_STREQ(headers ? names.at(i).c_str() : nullptr, header.http_header_name);
+    }
+    EXPECT_EQ(ids[bit].size(), known);
+  }
+};
+
+TEST_F(recovery_files, saves_of_what_changed_bring_everything_back) {
+  maps_model model;
+  std::mt19937 random(5);
+  for (int round = 0; round < 60; ++round) {
+    SCOPED_TRACE(round);
+    for (int i = 0; i < 40; ++i)
+      model.store(inst, static_cast<int>(random() % __NUM_LOC2NORM_BITS__),
+                  static_cast<int64_t>(random() % (round < 30 ? 20000 : 40000)), 1 + static_cast<int>(random() % 9999));
+    const std::string path = file(static_cast<int>(random() % __NUM_LOC2NORM_BITS__));
+    if (round % 5 == 1) // whatever somebody does to a file, its next save makes it good
+      std::filesystem::remove(path);
+    else if (round % 5 == 2)
+      put_file(path, std::string(random() % 9999, 'x'));
+    else if (round % 5 == 3) {
+      save();
+      restart();
+    }
+    inst->loc2norm_unsaved_flags = (1 << __NUM_LOC2NORM_BITS__) - 1;
+    save();
+    for (const loc2norm_row &row : loc2norm_rows) {
+      if (row.map) {
+        ASSERT_EQ(bytes_of(inst->*row.map), file_text(file(row.bit))) << row.file_name;
+      }
+    }
+    if (round % 10 == 9) {
+      restart();
+      for (int bit = 0; bit < __NUM_LOC2NORM_BITS__; ++bit)
+        model.compare(inst, bit);
+    }
+  }
+}
+
+TEST_F(recovery_files, a_huge_id_costs_what_it_touches) {
+  maps_model model;
+  const int64_t before = resident_kb();
+  for (const loc2norm_row &row : loc2norm_rows)
+    if (row.map)
+      for (const int64_t local_id : {int64_t{0}, int64_t{70000}, highest_id})
+        model.store(inst, row.bit, local_id, 1 + row.bit);
+  for (int round = 0; round < 2; ++round) {
+    save();
+    for (const loc2norm_row &row : loc2norm_rows)
+      tqp_store_loc2norm(inst, row.bit, 70000, 1 + row.bit);
+    save();
+    restart();
+    for (const loc2norm_row &row : loc2norm_rows) {
+      if (!row.map)
+        continue;
+      const wllb_zarray<int> &map = inst->*row.map;
+      struct stat st = {};
+      ASSERT_EQ(0, stat(file(row.bit).c_str(), &st));
+      EXPECT_EQ(map.size * 4, st.st_size);
+      EXPECT_LT(st.st_blocks, 128) << "512-byte blocks";
+      EXPECT_GT(map.size, highest_id);
+      for (const auto &[local_id, norm_id] : model.ids[row.bit])
+        EXPECT_EQ(norm_id, map.data[local_id]);
+      EXPECT_EQ(0, map.data[highest_id - 1]);
+      model.store(inst, row.bit, highest_id - 3000, 99);
+    }
+  }
+  EXPECT_TRUE(!memory_is_lazy || resident_kb() - before < 16384) << resident_kb() - before;
+}
+
+TEST_F(recovery_files, nothing_new_is_not_written) {
+  tqp_store_loc2norm(inst, LOC2NORM_METHOD, 3, 7);
+  save();
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(file("")), {}) - 1) << "beside the marker";
+  put_file(file(LOC2NORM_METHOD), "untouched");
+  save();
+  tqp_store_loc2norm(inst, LOC2NORM_URL, 3, 7);
+  write_loc2norm_rec_file(inst, ~(1 << LOC2NORM_URL));
+  EXPECT_EQ("untouched", file_text(file(LOC2NORM_METHOD)));
+  EXPECT_FALSE(std::filesystem::exists(file(LOC2NORM_URL)));
+}
+
+TEST_F(recovery_files, an_entry_set_when_the_map_was_made_is_saved) {
+  wllb_zarray_reserve(inst->url_map, 1, url_map_growth);
+  inst->url_map.data[0] = norm_id_flag;
+  tqp_store_loc2norm(inst, LOC2NORM_URL, 3000, 7);
+  save();
+  EXPECT_EQ(bytes_of(inst->url_map), file_text(file(LOC2NORM_URL)));
+}
+
+TEST_F(recovery_files, a_failed_save_is_made_good_by_the_next_change) {
+  tqp_store_loc2norm(inst, LOC2NORM_METHOD, 3, 7);
+  block(file(LOC2NORM_METHOD));
+  save();
+  EXPECT_EQ(1, traced("Could not open file "));
+  EXPECT_EQ(0, inst->loc2norm_unsaved_flags);
+  std::filesystem::remove(file(LOC2NORM_METHOD));
+
+  struct rlimit limit;
+  getrlimit(RLIMIT_FSIZE, &limit);
+  const struct rlimit small = {.rlim_cur = 10000, .rlim_max = limit.rlim_max};
+  signal(SIGXFSZ, SIG_IGN);
+  setrlimit(RLIMIT_FSIZE, &small);
+  for (const int64_t local_id : {3000, 9000}) {
+    tqp_store_loc2norm(inst, LOC2NORM_METHOD, local_id, 8);
+    save();
+  }
+  setrlimit(RLIMIT_FSIZE, &limit);
+  signal(SIGXFSZ, SIG_DFL);
+  EXPECT_EQ(2, traced("Could not write to file "));
+  tqp_store_loc2norm(inst, LOC2NORM_METHOD, 12000, 9);
+  save();
+  EXPECT_EQ(bytes_of(inst->method_map), file_text(file(LOC2NORM_METHOD)));
+}
+
+// --- damage -----------------------------------------------------------------------------------------------------
+
+TEST_F(recovery_files, a_file_cut_anywhere_gives_right_ids_or_none) {
+  const std::vector<int> ids = {5, 0, 70000, norm_id_flag | 3, 1 << 30, 12, 9};
+  const std::vector<sql_query_map_t> queries = {{-3, 1, 2}, {5, norm_id_flag | 7, 1}, {70000, 4, 3}, {90000, 5, 9}};
+  const std::string headers = "0,\n17,Host\n4, \n0,\n2147483647,X-Id,with comma\n";
+  for (const loc2norm_row &row : loc2norm_rows) {
+    SCOPED_TRACE(row.file_name);
+    const bool is_headers = row.bit == LOC2NORM_HTTP_HEADER;
+    const std::string whole = row.map ? int_bytes(ids) : is_headers ? headers : sql_bytes(queries);
+    for (size_t cut = 0; cut <= whole.size(); ++cut) {
+      put_file(file(row.bit), whole.substr(0, cut));
+      restart();
+      EXPECT_EQ(1, inst->recovery_file_found);
+      for (size_t i = 0; row.map && i < ids.size(); ++i)
+        ASSERT_EQ(cut / 4 > i ? ids[i] : 0, (inst->*row.map).at_or_zero(static_cast<int64_t>(i))) << cut;
+      for (size_t i = 0; row.bit == LOC2NORM_SQL && i < queries.size(); ++i)
+        ASSERT_EQ(cut / 12 > i ? queries[i].norm_id : -1, query(queries[i].loc_id)) << cut;
+      if (!is_headers)
+        continue;
+      ASSERT_EQ(cut >= 11 ? 17 : 0, inst->http_header_map.at_or_zero(1).norm_http_header_id) << cut;
+      ASSERT_EQ(cut >= 15 ? 4 : 0, inst->http_header_map.at_or_zero(2).norm_http_header_id) << cut;
+      const http_header_map_t last = inst->http_header_map.at_or_zero(4);
+      ASSERT_STREQ(cut == whole.size() ? "X-Id,with comma" : nullptr, last.http_header_name) << cut;
+    }
+    std::filesystem::remove(file(row.bit));
+  }
+}
+
+TEST_F(recovery_files, garbage_gives_no_negative_id_and_can_be_saved_over) {
+  std::mt19937 random(3);
+  for (int round = 0; round < 24; ++round) {
+    std::string garbage(random() % 40000, round % 3 == 0 ? '\0' : '\xff');
+    for (size_t i = 0; round % 3 == 2 && i < garbage.size(); ++i)
+      garbage[i] = static_cast<char>(random());
+    for (int bit = 0; bit < __NUM_LOC2NORM_BITS__; ++bit)
+      put_file(file(bit), garbage);
+    restart();
+    for (const loc2norm_row &row : loc2norm_rows)
+      for (int64_t i = 0; row.map && i < (inst->*row.map).size; ++i)
+        ASSERT_GE((inst->*row.map).data[i], 0);
+    for (int i = 0; i < inst->sql_query_map_size; ++i) {
+      ASSERT_GE(inst->sql_query_map.data[i].norm_id, 0);
+      ASSERT_TRUE(i == 0 || inst->sql_query_map.data[i - 1].loc_id < inst->sql_query_map.data[i].loc_id);
+    }
+    for (const loc2norm_row &row : loc2norm_rows)
+      tqp_store_loc2norm(inst, row.bit, 50, 7);
+    tqp_store_http_header(inst, 50, 7, "Host");
+    save();
+    restart();
+    EXPECT_EQ(7, inst->tags_map.data[50]);
+    EXPECT_STREQ("Host", inst->http_header_map.data[50].http_header_name);
+  }
+}
+
+// --- queries and headers ----------------------------------------------------------------------------------------
+
+TEST_F(recovery_files, queries_are_read_only_beside_the_marker) {
+  tqp_store_sql(inst, 5, 1, 2);
+  save();
+  std::filesystem::remove(file(".SQLMapNewVer"));
+  restart();
+  EXPECT_EQ(0, inst->sql_query_map_size);
+  EXPECT_TRUE(std::filesystem::exists(file(".SQLMapNewVer")));
+  restart();
+  EXPECT_EQ(1, query(5));
+  std::filesystem::remove_all(run_dir() + "tq/recovery");
+  restart(); // no directory, no marker
+  EXPECT_FALSE(std::filesystem::exists(run_dir() + "tq/recovery"));
+}
+
+TEST_F(recovery_files, queries_without_their_text_are_left_out) {
+  g_min_init_nonprep_sql_id = norm_id_flag + 6;
+  std::vector<sql_query_map_t> queries = {{9, norm_id_flag + 5, 1}, {8, norm_id_flag + 6, 1}};
+  for (int loc_id = 100; loc_id > 6; --loc_id) // out of order, and most of them twice
+    queries.push_back({loc_id, loc_id, 1});
+  for (int loc_id = 100; loc_id > 6; --loc_id)
+    queries.push_back({loc_id, 0, 1});
+  put_file(file(LOC2NORM_SQL), sql_bytes(queries));
+  restart();
+  EXPECT_EQ(94, inst->sql_query_map_size);
+  for (int loc_id = 100; loc_id > 6; --loc_id)
+    EXPECT_EQ(loc_id == 8 ? norm_id_flag + 6 : loc_id, query(loc_id)) << "the first that has its text";
+  tqp_enable_sql_metadata_recovery = 0;
+  std::filesystem::remove(file(LOC2NORM_SQL));
+  tqp_store_sql(inst, 1, 2, 3);
+  save();
+  EXPECT_FALSE(std::filesystem::exists(file(LOC2NORM_SQL)));
+}
+
+TEST_F(recovery_files, header_lines_are_counted_one_more_for_each_read) {
+  const std::string long_name(200000, 'n'); // longer than a read
+  put_file(file(LOC2NORM_HTTP_HEADER), "1,a\n2," + long_name + "\n-3,c\n4,d\n");
+  restart();
+  EXPECT_EQ(4 + 2, inst->http_header_map.size);
+  EXPECT_EQ(long_name, inst->http_header_map.data[1].http_header_name);
+  EXPECT_EQ(0, inst->http_header_map.data[2].norm_http_header_id);
+  EXPECT_EQ(4, inst->http_header_map.data[3].norm_http_header_id);
+  tqp_store_http_header(inst, 2, 3, "");
+  save();
+  EXPECT_EQ("1,a\n2," + long_name + "\n3,\n4,d\n0,\n0,\n", file_text(file(LOC2NORM_HTTP_HEADER)));
+}
+
+// --- the save step, and runs over a chosen range ----------------------------------------------------------------
+
+TEST_F(recovery_files, only_a_live_run_saves_its_maps_with_its_offset) {
+  const std::string offset = root + "/webapps/logs/TR1001/" + partition + "/tq/raw_data/.tier_server_app.txt.offset";
+  for (const bool offline : {true, false}) {
+    start_partition_idx = offline ? stoll(partition) : 0;
+    tqp_store_loc2norm(inst, LOC2NORM_METHOD, 3, 7);
+    inst->raw_data_file_offset = offline ? 100 : 200;
+    for (int round = 0; round < 2; ++round) {
+      inst->flag_to_update_offset = 1;
+      save_tqp_app_instance_thread_state(inst);
+    }
+    EXPECT_EQ(offline ? "100" : "200", file_text(offset));
+    EXPECT_EQ(!offline, std::filesystem::exists(file(LOC2NORM_METHOD)));
+  }
+  tqp_close_stream(&inst->raw_data_file_offset_fp);
+}
+
+TEST_F(recovery_files, an_offline_run_without_files_needs_data_that_resends_them) {
+  start_partition_idx = stoll(partition);
+  const std::string raw = root + "/webapps/logs/TR1001/" + partition + "/tq/raw_data/tier_server_app.txt";
+  const std::string words = "TQP Partition based Processing Error: Recovery file not found in Partition " + partition +
+                            " for Instance = tier_server_app.";
+  restart(); // no raw file: nothing to be wrong about
+  for (const std::string begin : {"2,", "80,", "82,x", "2"}) {
+    put_file(raw, "0,tier,server,app,1,1,1\n5,21,80\n" + std::string(300000, '1') + "\n" + begin + "\n11,1,0\n");
+    EXPECT_EXIT(
+        {
+          dup2(STDERR_FILENO, STDOUT_FILENO);
+          restart();
+        },
+        testing::ExitedWithCode(255), words);
+  }
+  put_file(raw, "0,tier,server,app,1,1,1\n11,1,0\n2,1\n");
+  restart();
+  EXPECT_EQ(1, inst->recovery_file_found);
+  put_file(raw, "3,\n2"); // the line is not whole yet
+  restart();
+  EXPECT_EQ(0, inst->recovery_file_found);
+  put_file(raw, "2,\n");
+  std::filesystem::create_directories(file(""));
+  put_file(file(".SQLMapNewVer"), "");
+  restart();
+  EXPECT_EQ(1, traced(".SQLMapNewVer file found at path , so processing data : '"));
+}
+
+} // namespace
