@@ -1,0 +1,85 @@
+// The offset file of an instance's raw file: how many bytes of complete lines have been consumed.
+//   In      raw_data_file_offset of the instance
+//   Out     "%s/webapps/logs/TR%d/%s/tq/raw_data/.%s.txt.offset": one decimal number, no newline
+//   Thread  the instance's
+//   Failure a file that cannot be opened is traced and tried again at the next save
+// The file is never emptied by being opened: the number saved last stands until a new one is written over it.
+
+#include "state_save.h"
+#include "tqp_csv_files.h"
+#include "tqp_process_data.h"
+
+#include <charconv>
+#include <cstring>
+#include <unistd.h>
+
+static std::string offset_file_path(const tqp_instance_t *inst) {
+  return wllb_format("%s/webapps/logs/TR%d/%s/tq/raw_data/.%s.txt.offset", wl_wdir, testidx, inst->partition_name,
+                     inst->tier_server_app_name);
+}
+
+void tqp_make_offset_file(tqp_instance_t *inst) {
+  tqp_close_stream(&inst->raw_data_file_offset_fp);
+  const std::string path = offset_file_path(inst);
+  inst->raw_data_file_offset_fp = my_fopen(path.c_str(), "w");
+  tqp_own_path(path.c_str());
+}
+
+static void open_offset_file(tqp_instance_t *inst, const std::string &path) {
+  inst->raw_data_file_offset_fp =
+      wllb_path_exists(path.c_str()) && !wllb_is_regular_file(path.c_str()) ? nullptr : my_fopen(path.c_str(), "r+");
+  if (inst->raw_data_file_offset_fp)
+    tqp_own_path(path.c_str());
+}
+
+// A missing or damaged number reads as 0.
+static void read_offset(tqp_instance_t *inst) {
+  char text[64];
+  const ssize_t len = pread(fileno(inst->raw_data_file_offset_fp), text, sizeof text - 1, 0);
+  text[len > 0 ? len : 0] = 0;
+  const long offset = atol(text);
+  inst->raw_data_file_offset = offset > 0 ? offset : 0;
+}
+
+void check_offset_file_and_seek_raw_file(tqp_instance_t *inst, FILE *raw_fp) {
+  bool existed = true;
+  if (!inst->raw_data_file_offset_fp) {
+    const std::string path = offset_file_path(inst);
+    existed = wllb_path_exists(path.c_str());
+    open_offset_file(inst, path);
+  }
+  if (existed && inst->raw_data_file_offset_fp)
+    read_offset(inst);
+  if (raw_fp) {
+    const long offset = inst->raw_data_file_offset;
+    wllb_trace(1, "Info", "Seeking the raw file to %ld offset", offset);
+    fseek(raw_fp, offset, SEEK_SET);
+  } else {
+    wllb_trace(1, "Info", "Raw data file pointer is closed hence closing the offset_file of %s.txt",
+               inst->tier_server_app_name);
+    tqp_close_stream(&inst->raw_data_file_offset_fp);
+  }
+}
+
+// One write in place. Only a shorter number than the one that stands there needs the file cut first.
+static void write_offset(tqp_instance_t *inst) {
+  char text[24];
+  const auto end = std::to_chars(text, text + sizeof text, inst->raw_data_file_offset.load()).ptr;
+  const int fd = fileno(inst->raw_data_file_offset_fp);
+  const auto len = end - text;
+  if (lseek(fd, 0, SEEK_END) > len && ftruncate(fd, 0) != 0)
+    return;
+  if (pwrite(fd, text, static_cast<size_t>(len), 0) == len)
+    inst->flag_to_update_offset = 0;
+}
+
+void tqp_save_offset(tqp_instance_t *inst) {
+  if (!inst->flag_to_update_offset)
+    return;
+  if (inst->raw_data_file_offset_fp)
+    return write_offset(inst);
+  const std::string path = offset_file_path(inst);
+  open_offset_file(inst, path);
+  if (!inst->raw_data_file_offset_fp)
+    wllb_trace(1, "Error", "Could not open file in w+ mode: '%s'", path.c_str());
+}

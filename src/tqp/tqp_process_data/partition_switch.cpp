@@ -1,0 +1,150 @@
+// One instance's move to its next partition, and the done file that says that no instance reads a partition any more.
+//   In      test_run_swtch_flag: switches pending; the partition files
+//   Out     the instance's position and files of the new partition; ".tqp_process_done_v2.txt" of the one left
+//   Thread  the instance's; the done file under check_and_create_partition_done_file_mutex
+//   Failure a missing next partition leaves the instance on the current one; a done file that cannot be made is not told
+
+#include "flowpath_files.h"
+#include "tqp_csv_files.h"
+#include "tqp_init.h"
+#include "tqp_process_data.h"
+#include "tqp_recovery.h"
+#include "tqp_stat_mon.h"
+
+#include "wllb_partition.h"
+
+#include <cstring>
+
+static void lower_switch_flag(tqp_instance_t *inst) {
+  wllb_trace(1, "Info", "test_run_swtch_flag = %d, decrementing by 1.", static_cast<int>(inst->test_run_swtch_flag));
+  wllb_hold hold(inst->test_run_swtch_mutex);
+  inst->test_run_swtch_flag -= 1;
+}
+
+static void clear_partition_counters(tqp_instance_t *inst) {
+  if (tqp_print_summary_report) {
+    wllb_hold hold(summary_report_mutex);
+    print_summary_report(inst);
+  }
+  memset(inst->sum_rep_counters, 0, sizeof inst->sum_rep_counters);
+  inst->first_bad_fp_raw_data_marker_fpg2 = 0;
+  wllb_trace(1, "Info", "negative_timestamp_count in partition = %lld",
+             static_cast<long long>(inst->negative_timestamp_count));
+  inst->negative_timestamp_count = 0;
+}
+
+static void enter_partition(tqp_instance_t *inst, int64_t next) {
+  memcpy(inst->prev_partition_name, inst->partition_name, sizeof inst->prev_partition_name);
+  inst->prev_partition_begintime = inst->partition_begintime;
+  {
+    wllb_hold hold(check_and_create_partition_done_file_mutex);
+    inst->prev_tqpdone_fileptr_v2.reset();
+    inst->prev_partition_idx = inst->partition_idx.load();
+    inst->partition_idx = next;
+  }
+  snprintf(inst->partition_name, sizeof inst->partition_name, "%lld", static_cast<long long>(next));
+  inst->partition_begintime =
+      wllb_get_vexepoch_time_from_partition(inst->partition_name, g_vex_epoc_diff, -1, base_dir.c_str());
+  wllb_trace(1, "Info", "Switching to new partition '%s'", inst->partition_name);
+}
+
+// Nothing follows: the instance takes the newest partition the process knows, and forgets what was pending.
+static void fall_back_to_current_partition(tqp_instance_t *inst) {
+  const int64_t current = g_partition_idx;
+  snprintf(inst->partition_name, sizeof inst->partition_name, "%lld", static_cast<long long>(current));
+  wllb_trace(
+      1, "Error",
+      "Error in retrieving next partition name, setting test_run_swtch_flag to 0, and switching to current partition: %s.",
+      inst->partition_name);
+  inst->partition_idx = current;
+  wllb_hold hold(inst->test_run_swtch_mutex);
+  inst->test_run_swtch_flag = 0;
+}
+
+// The SQL map starts anew from what was saved of it.
+static void restart_sql_map(tqp_instance_t *inst) {
+  wllb_zarray_free(inst->sql_query_map, sql_query_map_growth);
+  wllb_zarray_reserve(inst->sql_query_map, sql_query_map_growth.first, sql_query_map_growth);
+  inst->sql_query_map_size = 0;
+  inst->sql_first_time = 0;
+  read_loc2norm_rec_file(inst, 1 << LOC2NORM_SQL);
+}
+
+int switch_to_next_partition(tqp_instance_t *inst, FILE **raw_fp, std::string *filepath) {
+  filepath->clear();
+  lower_switch_flag(inst);
+  csv_dump_all_files(inst);
+  wllb_trace(1, "Info",
+             "Reset the meta data recovery counter on partition switch from meta_recovery_counter=[%d] to [0]",
+             inst->meta_recovery_counter);
+  inst->meta_recovery_counter = 0;
+  close_all_instance_files_open_debug_files(inst);
+  inst->raw_data_file_offset = 0;
+  clear_partition_counters(inst);
+  int64_t next;
+  if (wllb_get_next_partition(wl_wdir, testidx, inst->partition_name, &next) == 0)
+    enter_partition(inst, next);
+  else
+    fall_back_to_current_partition(inst);
+  if (tqp_seq_blob_in_file_flag)
+    tqp_rotate_sqb_file(inst);
+  tqp_close_stream(&inst->raw_data_file_offset_fp);
+  if (!tqp_enable_string_similarity_for_sql)
+    restart_sql_map(inst);
+  *filepath = tqp_raw_file_path(inst);
+  *raw_fp = tqp_open_raw_file(inst, *filepath);
+  inst->file_not_present_count = *raw_fp ? 0 : inst->file_not_present_count + 1;
+  return *raw_fp ? 1 : 0;
+}
+
+// --- done file -----------------------------------------------------------------------------------------------
+
+static std::string done_file_path(const std::string &partition) {
+  return wllb_format("%s/logs/TR%d/%s/tq/csv/%s", wl_wdir, testidx, partition.c_str(), wllb_done_file_name);
+}
+
+void tqp_create_partition_done_file(int64_t partition) {
+  const std::string path = done_file_path(std::to_string(partition));
+  wllb_trace(1, "Info", "All app instance completed the processing for partition '%lld', going to create '%s' file.",
+             static_cast<long long>(partition), path.c_str());
+  FILE *const opened = tqp_make_data_file_as(path.c_str(), "a", true);
+  const std::shared_ptr<FILE> stream(opened, [](FILE *f) {
+    if (f)
+      fclose(f);
+  });
+  tqpdone_fileptr_v2 = stream;
+  tqp_for_each_instance([&](tqp_instance_t *other) {
+    if (other->prev_partition_idx == partition)
+      other->prev_tqpdone_fileptr_v2 = stream;
+  });
+  g_process_done_partition = partition;
+  wllb_hold hold(tqp_mon_stat_info_mutex);
+  --tqp_mon_stat_info.process_done_lag_count;
+}
+
+void check_and_create_partition_done_file(tqp_instance_t *inst, int64_t left_partition) {
+  wllb_hold hold(check_and_create_partition_done_file_mutex);
+  bool in_use = false;
+  tqp_for_each_instance([&](const tqp_instance_t *other) {
+    in_use = in_use || (other != inst && other->partition_idx <= left_partition);
+  });
+  if (!in_use)
+    tqp_create_partition_done_file(left_partition);
+}
+
+int get_partion_number_to_start_with(std::string this_partition, std::string *out) {
+  out->clear();
+  for (int found = 0; found == 0;) {
+    if (wllb_path_exists(done_file_path(this_partition).c_str()))
+      return 0;
+    *out = this_partition;
+    int64_t prev = 0;
+    found = wllb_get_prev_partition(base_dir.c_str(), this_partition.c_str(), &prev);
+    if (found < 0) {
+      wllb_trace(1, "Error", "Error in reading .partition_info.txt file in %s", this_partition.c_str());
+      return found;
+    }
+    this_partition = std::to_string(prev);
+  }
+  return 0;
+}
