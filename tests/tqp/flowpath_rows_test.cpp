@@ -1,0 +1,829 @@
+// Lines of segments, rows of flowpaths, and the blob file they point into: every column, which partition's file it goes
+// to, when the row comes, and that no row ever stands before the bytes it names.
+
+#include "output_files_fixture.h"
+
+#include "flowpath_files.h"
+#include "state_save.h"
+#include "tqp_async_handling.h"
+#include "tqp_recovery.h"
+
+#include "wllb_compression.h"
+
+#include <algorithm>
+#include <array>
+#include <functional>
+#include <map>
+#include <random>
+
+namespace {
+
+// Fields of a line or row; a comma inside of double quotes separates nothing.
+std::vector<std::string> fields_of(const std::string &text) {
+  std::vector<std::string> fields(1);
+  bool quoted = false;
+  for (const char c : text) {
+    quoted ^= c == '"';
+    if (c == ',' && !quoted)
+      fields.emplace_back();
+    else if (c != '\n')
+      fields.back() += c;
+  }
+  return fields;
+}
+
+long occurrences(const std::string &text, char c) {
+  return std::count(text.begin(), text.end(), c);
+}
+
+// Calls of write(2) and its like that this thread has made.
+long write_calls() {
+  std::ifstream counts("/proc/thread-self/io");
+  std::string word;
+  long calls = -1;
+  while (counts >> word)
+    if (word == "syscw:")
+      counts >> calls;
+  return calls;
+}
+
+class flowpath_rows : public output_files {
+protected:
+  static constexpr int64_t not_wl_initiated = int64_t{1} << 62;
+  const std::string previous = "20261122203000";
+  int slot = -1;
+
+  flowpath_rows() {
+    wllb_mp_init(&inst->tqp_flowpath_seg_pool, sizeof(segment_fp_t), 8, 8, 0);
+    wllb_mp_init(&inst->tqp_flowpath_pending_seg_pool, sizeof(pending_segment_fp_t), 8, 8, 0);
+    tqp_seq_blob_in_file_version = 'A';
+    inst->tierID = 3;
+    inst->serverID = 4;
+    inst->appID = 5;
+    start(81);
+  }
+
+  ~flowpath_rows() override {
+    tqp_free_flowpath_store(inst);
+    wllb_mp_destroy(&inst->tqp_flowpath_seg_pool);
+    wllb_mp_destroy(&inst->tqp_flowpath_pending_seg_pool);
+    wllb_zarray_free(inst->recent_fpi_array, {.first = 0, .step = 1, .label = "recent_fpi_array"});
+    tqp_free_local_maps(inst);
+  }
+
+  // --- the scenario ---
+  concurrent_flowpath_t *fp() const { return &inst->con_fp_buf.data[slot]; }
+
+  // A flowpath in a slot of its own.
+  void start(int64_t main_fpi) {
+    slot = get_concurrent_flowpath_free_idx(inst);
+    tqp_occupy_flowpath(inst, slot, main_fpi);
+  }
+
+  // Cleans the slot as completion does.
+  void clean() {
+    while (fp()->seg_arr.used > 0)
+      remove_from_segment_array(inst, fp(), fp()->seg_arr.used - 1, 0);
+    while (fp()->pending_seg_arr.used > 0)
+      remove_from_pending_segment_array(inst, fp(), 0);
+    tqp_free_flowpath_slot(inst, slot);
+  }
+
+  static void set(wllb_text &text, std::string_view value) {
+    wllb_text_clear(text);
+    wllb_text_put(text, value, "test");
+  }
+
+  // A segment as its header leaves it: known, and expected by its number.
+  segment_fp_t *segment(int64_t self_fpi, const char *begin_seq_num, std::string_view blob = "blob") const {
+    segment_fp_t *made = insert_in_segment_array(inst, fp(), self_fpi);
+    set(made->begin_seq_num, begin_seq_num);
+    set(made->seq_blob, blob);
+    tqp_announce_segment(inst, fp(), begin_seq_num);
+    return made;
+  }
+
+  segment_fp_t *main_segment() const { return segment(fp()->main_fpi, "1"); }
+
+  // What is given of a segment's texts goes to the file and into a line.
+  void dump(segment_fp_t *finished) const { csv_dump_flowpath(inst, slot, finished); }
+
+  void stand_behind_previous_partition() const {
+    inst->partition_begintime = 2000;
+    inst->prev_partition_begintime = 1000;
+    wllb_copy_text(inst->prev_partition_name, sizeof inst->prev_partition_name, previous);
+    inst->prev_csv_file_pointers[FLOWPATH_CSV_FP] = my_fopen(previous_rows_path().c_str(), "a");
+  }
+
+  // --- what came out ---
+  std::string rows() const { return file_text(data("TQFlowPath.csv")); }
+
+  std::string previous_rows_path() const { return root + "/previous_rows"; }
+
+  std::string blob_path(const std::string &of_partition) const {
+    return root + "/webapps/logs/TR1001/" + of_partition + "/tq/sqb/5";
+  }
+
+  std::string blobs() const { return file_text(blob_path(partition)); }
+
+  std::string line_of(const char *begin_seq_num) const {
+    const auto *entry = search_pending_segment_array_using_begin_seq_number(inst, fp(), begin_seq_num);
+    return entry ? std::string(wllb_text_view(entry->segment_csv_str)) : "none";
+  }
+
+  static std::string inflated(const std::string &file, size_t offset, size_t length) {
+    std::string text;
+    if (offset + length > file.size() || wllb_decomp_do(file.data() + offset, length, 1U << 24U, &text) != 0)
+      return "damaged";
+    return text;
+  }
+
+  // The list that a row's reference names, as it stands in the file now.
+  std::string list_of(const std::string &row) const {
+    const std::string reference = fields_of(row).at(10), front = "C:1:" + partition + ":";
+    EXPECT_EQ(front, reference.substr(0, front.size()));
+    char *end = nullptr;
+    const size_t offset = std::strtoul(reference.c_str() + front.size(), &end, 10);
+    return inflated(blobs(), offset, std::strtoul(end + 1, nullptr, 10));
+  }
+
+  uint32_t processed() const {
+    wllb_hold hold(inst->tqp_instance_mon_stat_info.tqp_instance_mon_str_lock);
+    return inst->tqp_instance_mon_stat_info.processed_flowpath_count;
+  }
+};
+
+// --- columns --------------------------------------------------------------------------------------------------------
+
+// Each field holds its column's number and 1000, where its type has the room.
+void fill_line_columns(segment_fp_t *s) {
+  s->parent_fpi = 1002;
+  s->callout_count = 1004;
+  s->flowpath_segment_tier = 1012;
+  s->bt_category = 1014;
+  s->response_time = 1015;
+  s->begin_ts = 1016999;
+  s->end_ts = 1017999;
+  s->cumulative_cpu_time = 1018;
+  wllb_copy_text(s->url_query_parm_str, sizeof s->url_query_parm_str, "q=19|x");
+  s->entry_methods_count = 1020;
+  s->status_code = 1021;
+  s->call_out_count = 1022;
+  s->bci_urlid = 9;
+  wllb_copy_text(s->correlationid, sizeof s->correlationid, "c24");
+  s->fp_cputime = 1025;
+  s->totalError = 1026;
+  s->entryPointId = 1027;
+  s->dbCallCounts = 1028;
+  s->httpCalloutCount = 1029;
+  s->jmsCallCount = 1030;
+  s->coherenceCount = 1031;
+  s->tqSessionId = 1032;
+  s->uvSessionId = 1033;
+  s->uvPageId = 1034;
+  wllb_copy_text(s->threadName, sizeof s->threadName, "t 35 {%s}");
+  s->flowpathType = 1036;
+  s->fp_waittime = 1037;
+  s->fp_synctime = 1038;
+  s->fp_iotime = 1039;
+  s->fp_suspensiontime = 1040;
+  s->qTimeinMS = 1041;
+  s->gcOver = 42;
+  s->begin_ts_in_ms = 1046;
+  s->end_ts_in_ms = 1047;
+}
+
+// The same for what the row takes from the main segment, with 2000.
+void fill_row_columns(segment_fp_t *s) {
+  s->flowpath_segment_tier = 2005;
+  s->bt_category = 2007;
+  s->flowpath_signature = 2008;
+  s->cumulative_cpu_time = 2014;
+  wllb_copy_text(s->url_query_parm_str, sizeof s->url_query_parm_str, "q=15");
+  s->entry_methods_count = 2016;
+  s->status_code = 2017;
+  s->call_out_count = 2019;
+  s->bci_urlid = 9;
+  wllb_copy_text(s->correlationid, sizeof s->correlationid, "c21");
+  s->fp_cputime = 2022;
+  s->totalError = 2023;
+  s->entryPointId = 2025;
+  s->dbCallCounts = 2026;
+  s->httpCalloutCount = 2027;
+  s->jmsCallCount = 2028;
+  s->coherenceCount = 2030;
+  s->tqSessionId = 2031;
+  s->uvSessionId = 2032;
+  s->uvPageId = 2033;
+  wllb_copy_text(s->threadName, sizeof s->threadName, "t34");
+  s->flowpathType = 2035;
+  s->fp_waittime = 2036;
+  s->fp_synctime = 2037;
+  s->fp_iotime = 2038;
+  s->fp_suspensiontime = 2039;
+  s->qTimeinMS = 2040;
+  s->response_time = 0xFFFFFFFFFFFFFFFF; // the row shows it without a sign
+  s->gcOver = 45;
+  s->tags_norm_id = 2048;
+}
+
+void fill_slot_columns(concurrent_flowpath_t *fp) {
+  fp->begin_ts = 2012999;
+  fp->end_ts = 2013999;
+  fp->root_fpi = 2018;
+  fp->parent_fpi = 2042;
+  fp->dynamic_logging_enabled = 46;
+  fp->trace_request = 2047;
+  record_array_room(fp->ipmrt, 2, 8, "test");
+  fp->ipmrt.data[0] = {43, 44};
+  fp->ipmrt.data[1] = {430, 440};
+  fp->ipmrt.used = 2;
+}
+
+TEST_F(flowpath_rows, each_column_has_its_field) {
+  tqp_store_loc2norm(inst, LOC2NORM_URL, 9, 1023);
+  fill_slot_columns(fp());
+  segment_fp_t *side = segment(1001, "1.2", "blobblo");
+  fill_line_columns(side);
+  set(side->callout_buf, "callou");
+  set(side->req_detail_buf, "detail..");
+  set(side->dynamic_data_buf, "d43");
+  set(side->request_body_buf, "r44");
+  set(side->response_body_buf, "r45");
+  segment_fp_t *main = main_segment();
+  fill_row_columns(main);
+  dump(side);
+  const std::string line =
+      "1001,1002,20261122213000,1004,0,6,7,8,0,0,0,1012,1.2,1014,1015,1016,1017,1018,q=19|x,1020,1021,1022,1023,c24,"
+      "1025,1026,1027,1028,1029,1030,1031,1032,1033,1034,t 35 {%s},1036,1037,1038,1039,1040,1041,42,d43,r44,r45,1046,1047";
+  EXPECT_EQ(47U, fields_of(line).size());
+  EXPECT_EQ(line, line_of("1.2"));
+
+  dump(main);
+  const std::string row = rows();
+  EXPECT_EQ("callou\nblobblo\ndetail..\nblob\n", blobs().substr(0, 29));
+  // Sums: the main segment's field and the side segment's.
+  const std::string front = "81,3,4,5,2005,1,2007,2008,1000,-1,C:1:20261122213000:29:",
+                    back = ",2012,2013,3032,q=15,3036,2017,2018,3041,1023,c21,3047,3049,-1,2025,3054,3056,3058,-1,3061,"
+                           "2031,2032,2033,t34,2035,3073,3075,3077,3079,3081,18446744073709551615,2042,"
+                           "\"{43,430}\",\"{44,440}\",45,46,2047,2048\n";
+  EXPECT_EQ(48U, fields_of(row).size());
+  EXPECT_EQ(front + std::to_string(blobs().size() - 29) + back, row);
+  const std::string list = list_of(row), lines_front = "2       |81,0,";
+  EXPECT_EQ(lines_front, list.substr(0, lines_front.size()));
+  EXPECT_EQ("|" + line, list.substr(list.size() - line.size() - 1));
+  EXPECT_EQ(1, fp()->fp_over_flag);
+  EXPECT_EQ(0, fp()->seg_arr.used);
+}
+
+TEST_F(flowpath_rows, empty_fields_have_their_words) {
+  inst->url_map.data = nullptr;
+  segment_fp_t *main = insert_in_segment_array(inst, fp(), 81); // no number, no URL, no integration point
+  set(main->seq_blob, "blob");
+  tqp_announce_segment(inst, fp(), "");
+  main->init_params = 12;
+  dump(main);
+  const auto fields = fields_of(rows());
+  EXPECT_EQ("NA", fields.at(5));
+  EXPECT_EQ("-1", fields.at(9));
+  EXPECT_EQ("1073741824", fields.at(19));
+  EXPECT_EQ("\"{}\"", fields.at(42));
+  EXPECT_EQ("\"{}\"", fields.at(43));
+  const auto line = fields_of(list_of(rows()));
+  EXPECT_EQ("NA", line.at(12));
+  EXPECT_EQ("1073741824", line.at(22));
+  EXPECT_EQ("", line.at(44));
+}
+
+TEST_F(flowpath_rows, a_url_is_its_norm_id_or_the_flag_alone) {
+  tqp_store_loc2norm(inst, LOC2NORM_URL, 0, 70);
+  tqp_store_loc2norm(inst, LOC2NORM_URL, 2, 72);
+  const std::map<int64_t, std::string> url_of = {
+      {-1, "70"},           {INT64_MIN, "70"},        {0, "70"}, {1, "1073741824"}, {2, "72"}, {4095, "1073741824"},
+      {4096, "1073741824"}, {INT64_MAX, "1073741824"}};
+  for (const auto &[local_id, shown] : url_of) {
+    SCOPED_TRACE(local_id);
+    const size_t before = rows().size();
+    start(1000 + local_id % 1000);
+    segment_fp_t *main = main_segment();
+    main->bci_urlid = local_id;
+    dump(main);
+    const std::string row = rows().substr(before);
+    EXPECT_EQ(shown, fields_of(row).at(19));
+    EXPECT_EQ(shown, fields_of(list_of(row)).at(22));
+    clean();
+  }
+}
+
+TEST_F(flowpath_rows, the_duration_reaches_from_the_earliest_begin_to_the_latest_end) {
+  struct {
+    int64_t begin_ts, begin_in_ms, end_ts, end_in_ms, async_end, shown;
+  } const rules[] = {
+      {1000, 0, 1700, 0, 0, 700},       {1000, 1100, 1700, 0, 0, 600},       {1000, 0, 1700, 1800, 0, 800},
+      {1000, 1100, 1700, 1850, 0, 750}, {1000, 1100, 1700, 1850, 1851, 751}, {1000, 1100, 1700, 1850, 1850, 750},
+      {1000, 0, 1700, 0, 1699, 700},    {2000, 0, 1700, 0, 0, -300},         {INT64_MAX, 0, INT64_MIN, 0, 0, 1}};
+
+  int64_t main_fpi = 100;
+  for (const auto &rule : rules) {
+    SCOPED_TRACE(main_fpi);
+    inst->partition_begintime = std::min<long>(0, rule.end_ts / 1000);
+    const size_t before = rows().size();
+    start(++main_fpi);
+    fp()->begin_ts = rule.begin_ts;
+    fp()->begin_ts_in_ms = rule.begin_in_ms;
+    fp()->end_ts = rule.end_ts;
+    fp()->end_ts_in_ms = rule.end_in_ms;
+    fp()->aync_call_end_time = rule.async_end;
+    dump(main_segment());
+    EXPECT_EQ(std::to_string(rule.shown), fields_of(rows().substr(before)).at(8));
+    clean();
+  }
+}
+
+TEST_F(flowpath_rows, the_parent_stands_behind_the_correlation_when_told_to) {
+  for (const int keyword : {0, 1})
+    for (const int64_t parent : {int64_t{0}, int64_t{-7}}) {
+      tqp_append_parent_fpi_to_corrid = keyword;
+      const size_t before = rows().size();
+      start(200 + keyword * 10 + parent);
+      fp()->parent_fpi = parent;
+      segment_fp_t *main = main_segment();
+      wllb_copy_text(main->correlationid, sizeof main->correlationid, "corr");
+      dump(main);
+      EXPECT_EQ(keyword ? parent ? "corr:-7" : "corr:" : "corr", fields_of(rows().substr(before)).at(20));
+      EXPECT_EQ("corr", fields_of(list_of(rows().substr(before))).at(23));
+      clean();
+    }
+}
+
+// The sanitized run sees a byte too many.
+TEST_F(flowpath_rows, the_longest_numbers_and_texts_have_their_room) {
+  tqp_append_parent_fpi_to_corrid = 1;
+  memset(inst->partition_name, '9', sizeof inst->partition_name - 1);
+  inst->tierID = inst->serverID = inst->appID = INT32_MIN;
+  fp()->main_fpi = INT64_MIN;
+  segment_fp_t *main = main_segment();
+  const segment_fp_t buffers = *main;
+  memset(reinterpret_cast<char *>(main) + sizeof main->slot, 0x80, sizeof *main - sizeof main->slot);
+  for (auto text : {&segment_fp_t::begin_seq_num, &segment_fp_t::seq_blob, &segment_fp_t::signstr,
+                    &segment_fp_t::callout_buf, &segment_fp_t::req_detail_buf, &segment_fp_t::request_body_buf,
+                    &segment_fp_t::response_body_buf, &segment_fp_t::dynamic_data_buf})
+    main->*text = buffers.*text;
+  main->method_call_stack = buffers.method_call_stack;
+  main->ctarray = buffers.ctarray;
+  main->mtarray = buffers.mtarray;
+  main->mta_index = buffers.mta_index;
+  main->sqlarray = buffers.sqlarray;
+  main->sqla_index = buffers.sqla_index;
+  main->self_fpi = INT64_MIN;
+  set(main->dynamic_data_buf, std::string(9000, 'd'));
+  set(main->request_body_buf, std::string(5000, 'r'));
+  concurrent_flowpath_t *slot_now = fp();
+  for (auto number :
+       {&concurrent_flowpath_t::root_fpi, &concurrent_flowpath_t::parent_fpi, &concurrent_flowpath_t::fp_cputime,
+        &concurrent_flowpath_t::fp_waittime, &concurrent_flowpath_t::qTimeinMS})
+    slot_now->*number = INT64_MIN;
+  record_array_room(slot_now->ipmrt, 4000, 4000, "test");
+  slot_now->ipmrt.used = 4000;
+  for (int i = 0; i < 4000; ++i)
+    slot_now->ipmrt.data[i] = {INT32_MIN, INT32_MIN};
+  dump(main);
+  const auto fields = fields_of(rows());
+  EXPECT_EQ(48U, fields.size());
+  EXPECT_EQ(1024U, fields.at(14).size());
+  EXPECT_EQ(size_t{4000 * 12 + 3}, fields.at(42).size());
+}
+
+// --- when the row comes -----------------------------------------------------------------------------------------------
+
+TEST_F(flowpath_rows, the_row_comes_with_the_last_segment_whichever_that_is) {
+  dump(segment(82, "1.2"));
+  dump(main_segment());
+  EXPECT_EQ(1, occurrences(rows(), '\n'));
+  EXPECT_EQ(2U, processed());
+  clean();
+
+  start(91);
+  segment_fp_t *main = main_segment();
+  segment_fp_t *first = segment(92, "1.2"), *second = segment(93, "1.3");
+  dump(main);
+  EXPECT_EQ(0U, main->seq_blob.len) << "it waits without its blob";
+  dump(first);
+  EXPECT_EQ(1, occurrences(rows(), '\n'));
+  fp()->pending_callouts_count = 1;
+  dump(second);
+  EXPECT_EQ(1, occurrences(rows(), '\n'));
+  EXPECT_EQ(5U, processed());
+  EXPECT_EQ(1, fp()->seg_arr.used);
+  fp()->pending_callouts_count = 0;
+  dump(segment(94, "1.3")); // comes again: releases the main segment, which counts once more
+  EXPECT_EQ(2, occurrences(rows(), '\n'));
+  EXPECT_EQ(7U, processed());
+  EXPECT_EQ("3       |91", list_of(rows().substr(rows().find('\n') + 1)).substr(0, 11));
+  EXPECT_EQ(1, fp()->fp_over_flag);
+}
+
+TEST_F(flowpath_rows, a_segment_that_comes_again_changes_nothing) {
+  segment_fp_t *main = main_segment();
+  segment_fp_t *side = segment(82, "1.2");
+  segment(83, "1.3");
+  side->cumulative_cpu_time = 5;
+  dump(side);
+  const std::string line = line_of("1.2"), file = blobs();
+  segment_fp_t *again = segment(82, "1.2", "another blob");
+  again->cumulative_cpu_time = 7;
+  dump(again);
+  EXPECT_EQ(line, line_of("1.2"));
+  EXPECT_EQ(file, blobs());
+  EXPECT_EQ(5, fp()->cumulative_cpu_time);
+  EXPECT_EQ(2, fp()->pending_segments_count);
+  dump(main);
+  EXPECT_EQ("", rows());
+}
+
+TEST_F(flowpath_rows, a_forced_row_goes_out_with_what_has_come) {
+  segment_fp_t *main = main_segment();
+  segment(82, "1.2");
+  main->begin_ts = 5;
+  main->response_time = 250;
+  fp()->force_complete_flag = 1;
+  dump(main);
+  const auto fields = fields_of(rows());
+  EXPECT_EQ("250", fields.at(8));
+  EXPECT_EQ("5", fields.at(11));
+  EXPECT_EQ("5", fields.at(12));
+  EXPECT_EQ("1       |81,", list_of(rows()).substr(0, 12));
+  clean();
+
+  start(91);
+  fp()->force_complete_flag = 1;
+  fp()->begin_ts = 7000;
+  fp()->end_ts = 9000;
+  main = main_segment();
+  main->begin_ts = 5;
+  dump(main);
+  EXPECT_EQ("2000", fields_of(rows().substr(rows().find('\n') + 1)).at(8)) << "times that are there stay";
+}
+
+TEST_F(flowpath_rows, flowpaths_of_other_origin_are_counted_or_left_out) {
+  start(not_wl_initiated + 1);
+  dump(main_segment());
+  const std::string row = rows();
+  EXPECT_EQ("4611686018427387905,", row.substr(0, 20));
+  EXPECT_EQ(1, inst->sum_rep_counters[SUM_REP_CNT_NON_WL_FLOWPATH]);
+
+  omit_non_wl_flowpaths = 1;
+  start(not_wl_initiated + 2);
+  segment_fp_t *omitted = main_segment();
+  fp()->pending_segments_count = 0;
+  dump(omitted);
+  EXPECT_EQ(row, rows());
+  EXPECT_EQ(1, inst->sum_rep_counters[SUM_REP_CNT_NON_WL_FLOWPATH]);
+  EXPECT_EQ(0, fp()->fp_over_flag);
+  EXPECT_EQ(1U + 2U, processed()) << "it is looked at once more, and then no more";
+
+  start(83);
+  dump(main_segment());
+  EXPECT_LT(row.size(), rows().size()) << "load generators' flowpaths stay";
+}
+
+TEST_F(flowpath_rows, fast_flowpaths_of_one_method_are_left_out_when_told_to) {
+  struct {
+    int category_flag, keyword, methods;
+    uint64_t response_time;
+    bool written;
+  } const rules[] = {{1, 100, 1, 99, false}, {1, 100, 1, 100, true}, {1, 100, 2, 99, true}, {1, 100, 0, 99, true},
+                     {1, 0, 1, 0, true},     {0, 100, 1, 99, true},  {2, 100, 1, 99, true}};
+
+  int64_t main_fpi = 100;
+  for (const auto &rule : rules) {
+    SCOPED_TRACE(++main_fpi);
+    start(main_fpi);
+    inst->bt_category_flag = static_cast<char>(rule.category_flag);
+    tqp_min_resptime_to_filter_l1_fp = rule.keyword;
+    segment_fp_t *main = main_segment();
+    main->entry_methods_count = rule.methods;
+    main->response_time = rule.response_time;
+    const size_t before = rows().size();
+    dump(main);
+    EXPECT_EQ(rule.written, rows().size() > before);
+    EXPECT_EQ(rule.written ? 1 : 0, fp()->fp_over_flag);
+    clean();
+  }
+}
+
+TEST_F(flowpath_rows, a_segment_that_nobody_expects_is_dropped) {
+  segment_fp_t *main = main_segment();
+  set(main->begin_seq_num, "2");
+  dump(main);
+  EXPECT_EQ(
+      1,
+      traced(
+          "Flowpath segment could not be searched in pending segment array using begin seq num ('2') for main_fpi=81; self_fpi=81, confpptr = 0x"));
+  EXPECT_EQ(0, fp()->seg_arr.used);
+  EXPECT_EQ("", rows());
+}
+
+TEST_F(flowpath_rows, large_segments_give_their_memory_back_while_they_wait) {
+  tqp_free_fp_mem_on_completion = 0;
+  for (const int more : {0, 1}) {
+    start(100 + more);
+    segment(200 + more, "1.2");
+    segment_fp_t *main = main_segment();
+    set(main->signstr, "sign");
+    record_array_room(main->method_call_stack, 4, 4, "test");
+    set(main->method_call_stack.data[3].callout_info, "left behind");
+    tqp_free_fp_min_sqb_size = static_cast<int>(main->seq_blob.size) - more;
+    dump(main);
+    EXPECT_EQ(more == 0, main->seq_blob.data != nullptr);
+    EXPECT_EQ(more == 0, main->signstr.data != nullptr);
+    EXPECT_EQ(more == 0 ? 4 : 0, main->method_call_stack.room);
+    EXPECT_EQ(0U, main->seq_blob.len);
+  }
+}
+
+// --- late data --------------------------------------------------------------------------------------------------------
+
+TEST_F(flowpath_rows, a_flowpath_goes_to_the_partition_of_its_end) {
+  stand_behind_previous_partition();
+
+  enum { CURRENT, PREVIOUS, DROPPED };
+
+  struct {
+    int64_t end_ts;
+    bool closed;
+    int to;
+    uint32_t previous_count, older_count;
+  } const rules[] = {{0, false, CURRENT, 0, 0},        {2000000, false, CURRENT, 0, 0},
+                     {1999999, false, PREVIOUS, 0, 0}, {1000000, false, PREVIOUS, 0, 0},
+                     {999999, false, DROPPED, 0, 1},   {999999, true, DROPPED, 1, 1},
+                     {1999999, true, DROPPED, 2, 1},   {2000000, true, CURRENT, 2, 1}};
+
+  const std::string done = run_dir() + "done";
+  {
+    wllb_hold hold(check_and_create_partition_done_file_mutex);
+    inst->prev_tqpdone_fileptr_v2.reset(my_fopen(done.c_str(), "a"), wllb_close_file());
+  }
+  clean();
+  auto &counts = inst->tqp_instance_mon_stat_info;
+  for (const auto &rule : rules) {
+    SCOPED_TRACE(rule.end_ts);
+    if (rule.closed)
+      tqp_close_stream(&inst->prev_csv_file_pointers[FLOWPATH_CSV_FP]);
+    const auto sizes = [&] {
+      return std::array<size_t, 3>{rows().size(), file_text(previous_rows_path()).size(), file_text(done).size()};
+    };
+    const auto before = sizes();
+    start(81);
+    fp()->end_ts = rule.end_ts;
+    dump(main_segment());
+    const auto after = sizes();
+    EXPECT_EQ(rule.to == CURRENT, after[0] > before[0]);
+    EXPECT_EQ(rule.to == PREVIOUS, after[1] > before[1]);
+    EXPECT_EQ(rule.to == PREVIOUS, after[2] > before[2]);
+    wllb_hold hold(counts.tqp_instance_mon_str_lock);
+    EXPECT_EQ(rule.previous_count, counts.prv_partition_flowpath_count);
+    EXPECT_EQ(rule.older_count, counts.older_partition_flowpath_count);
+    clean();
+  }
+  EXPECT_EQ(
+      2,
+      traced(
+          "Raw data received for previous partition, whereas the flowpath csv file pointer is closedfpinstance = 81"));
+  EXPECT_EQ(
+      1,
+      traced(
+          "Raw data received for previous to previous partition, whereas the flowpath csv file pointer is closedfpinstance = 81"));
+  EXPECT_EQ("0,5,tier_server_app/TQFlowPath.csv\n", file_text(done).substr(0, 35));
+}
+
+TEST_F(flowpath_rows, late_blobs_go_to_the_previous_file_and_the_list_to_the_current_one) {
+  stand_behind_previous_partition();
+  dump(segment(82, "1.2", "own"));
+  fp()->end_ts = 1500000;
+  dump(segment(83, "1.3", "late"));
+  dump(main_segment());
+  EXPECT_EQ("late\nblob\n", file_text(blob_path(previous)));
+  EXPECT_EQ(10, inst->prev_sqbfile_offset);
+  EXPECT_EQ("", rows());
+  const std::string row = file_text(previous_rows_path()), list = list_of(row);
+  EXPECT_NE(std::string::npos, list.find("|82,0," + partition + ",0,0,"));
+  EXPECT_NE(std::string::npos, list.find("|83,0," + previous + ",0,4,")) << "where the current file stands";
+  EXPECT_NE(std::string::npos, list.find("|81,0," + previous + ",0,4,"));
+  EXPECT_EQ("own\n", blobs().substr(0, 4));
+}
+
+// --- the blob file ------------------------------------------------------------------------------------------------------
+
+TEST_F(flowpath_rows, lines_lead_to_their_texts_in_every_version) {
+  const std::string texts[][3] = {{"callouts", "blob", "detail"},
+                                  {"", "blob", ""},
+                                  {"c", "", "d"},
+                                  {std::string(5000, 'c'), std::string(90000, 'b'), ""}};
+  int64_t self_fpi = 100;
+  segment(99, "9"); // never comes
+  for (const char version : {'A', 'B', 'C'})
+    for (const auto &[callouts, blob, detail] : texts) {
+      SCOPED_TRACE(++self_fpi);
+      tqp_seq_blob_in_file_version = version;
+      const std::string number = "1." + std::to_string(self_fpi);
+      segment_fp_t *side = segment(self_fpi, number.c_str(), blob);
+      set(side->callout_buf, callouts);
+      set(side->req_detail_buf, detail);
+      dump(side);
+      const auto line = fields_of(line_of(number.c_str()));
+      const std::string file = blobs();
+      size_t at = std::stoul(line.at(4));
+      const std::string *const parts[] = {&callouts, &blob, &detail};
+      for (size_t i = 0; i < 3; ++i) {
+        const size_t plain = std::stoul(line.at(5 + i)), compressed = std::stoul(line.at(8 + i));
+        EXPECT_EQ(parts[i]->size(), plain);
+        EXPECT_EQ(version == 'B' && (i == 1 || plain > 0), compressed > 0);
+        const bool there = i == 1 || plain > 0;
+        const size_t length = !there ? 0 : version == 'B' ? compressed : plain + 1;
+        const std::string text = version == 'B' ? inflated(file, at, length) : file.substr(at, length);
+        EXPECT_EQ(!there ? text : version == 'B' ? *parts[i] : *parts[i] + "\n", text);
+        at += length;
+      }
+      EXPECT_EQ(file.size(), at);
+      EXPECT_EQ(static_cast<int64_t>(at), inst->sqbfile_offset);
+    }
+  segment_fp_t *bare = insert_in_segment_array(inst, fp(), 500);
+  set(bare->begin_seq_num, "5");
+  set(bare->callout_buf, "callouts");
+  tqp_announce_segment(inst, fp(), "5");
+  const size_t before = blobs().size();
+  dump(bare);
+  EXPECT_EQ(1, traced("seq_blob string is null, returning."));
+  EXPECT_EQ(before, blobs().size());
+}
+
+TEST_F(flowpath_rows, bytes_wait_until_the_buffer_would_be_full) {
+  max_buffered_sqb_bufsize = 100;
+  std::mt19937 random(20261122);
+  std::string all, file;
+  size_t waiting = 0;
+  for (int step = 0; step < 3000; ++step) {
+    const size_t exact = 100 - waiting, odd = random() % 130;
+    const size_t length = step % 7 == 0 ? exact : step % 11 == 0 ? exact - 1 : odd;
+    const std::string data(length, static_cast<char>('a' + step % 26));
+    const bool force = random() % 10 == 0;
+    sqb_fwrite(inst, length ? data.data() : nullptr, length, force, false);
+    all += data;
+    waiting = force || waiting + length >= 100 ? 0 : waiting + length;
+    ASSERT_EQ(waiting, inst->sqb_file_buf.len) << step;
+    if (step % 10 == 0 || waiting == 0) {
+      ASSERT_EQ(all.substr(0, all.size() - waiting), blobs()) << step;
+    }
+  }
+  sqb_fwrite(inst, nullptr, 0, true, false);
+  EXPECT_EQ(all, blobs());
+}
+
+TEST_F(flowpath_rows, a_flush_is_one_write_and_nothing_new_is_none) {
+  if (write_calls() < 0)
+    GTEST_SKIP() << "the system does not count";
+  dump(main_segment()); // opens everything
+  const auto calls_of = [](const auto &action) {
+    const long before = write_calls();
+    action();
+    return write_calls() - before;
+  };
+  EXPECT_EQ(0, calls_of([&] { save_tqp_app_instance_thread_state(inst); }));
+  const std::string data(70000, 'x');
+  EXPECT_EQ(0, calls_of([&] {
+              for (int i = 0; i < 10; ++i)
+                sqb_fwrite(inst, data.data(), data.size(), false, false);
+            }));
+  EXPECT_EQ(1, calls_of([&] { csv_dump_all_files(inst); }));
+  EXPECT_EQ(0, calls_of([&] { csv_dump_all_files(inst); }));
+  clean();
+  start(91);
+  segment_fp_t *next = main_segment();
+  EXPECT_EQ(2, calls_of([&] { dump(next); })) << "its blob with its list, then its row";
+}
+
+// What a stream of rows is handed to: looks whether the list that a row names is in its file by then.
+struct row_watch {
+  std::function<std::string(const std::string &row)> list_of;
+  int rows = 0, early = 0;
+
+  static ssize_t write(void *cookie, const char *bytes, size_t size) {
+    auto *watch = static_cast<row_watch *>(cookie);
+    const std::string row(bytes, size);
+    if (row.find("C:1:") != std::string::npos) {
+      ++watch->rows;
+      watch->early += watch->list_of(row).substr(0, 8) != "1       ";
+    }
+    return static_cast<ssize_t>(size);
+  }
+};
+
+TEST_F(flowpath_rows, no_row_stands_before_the_bytes_it_names) {
+  row_watch watch = {.list_of = [this](const std::string &row) { return list_of(row); }};
+  FILE *&stream = inst->csv_file_pointers[FLOWPATH_CSV_FP];
+  stream = fopencookie(&watch, "a", {.read = nullptr, .write = row_watch::write, .seek = nullptr, .close = nullptr});
+  for (const int points : {0, 10, 300, 5000}) { // the last two rows are larger than the stream's buffer
+    start(1000 + points);
+    record_array_room(fp()->ipmrt, points, 5000, "test");
+    fp()->ipmrt.used = points;
+    dump(main_segment());
+    clean();
+  }
+  tqp_close_stream(&stream);
+  EXPECT_EQ(4, watch.rows);
+  EXPECT_EQ(0, watch.early);
+}
+
+TEST_F(flowpath_rows, an_opened_file_is_emptied_or_gone_on_with) {
+  const std::string path = blob_path(partition);
+  mkdir_ex(path.c_str());
+  wllb_copy_text(inst->prev_partition_name, sizeof inst->prev_partition_name, previous);
+  mkdir_ex(blob_path(previous).c_str());
+  put_file(blob_path(previous), "late bytes");
+  for (const int resumed : {0, 1}) {
+    resume_flag = resumed;
+    put_file(path, "old");
+    sqb_fwrite(inst, "new", 3, false, false);
+    EXPECT_EQ(resumed ? 3 : 0, inst->sqbfile_offset - static_cast<int64_t>(inst->sqb_file_buf.len) + 3);
+    EXPECT_EQ(10, inst->prev_sqbfile_offset) << "the previous file is never emptied";
+    sqb_fwrite(inst, nullptr, 0, true, false);
+    EXPECT_EQ(resumed ? "oldnew" : "new", blobs());
+    tqp_close_stream(&inst->sqb_fp);
+    tqp_close_stream(&inst->prev_sqb_fp);
+  }
+  sqb_fwrite(inst, "12345", 5, false, false);
+  open_sqb_file(inst);
+  EXPECT_EQ(6 + 5, inst->sqbfile_offset) << "what is buffered counts";
+}
+
+TEST_F(flowpath_rows, the_file_moves_on_with_the_partition) {
+  open_sqb_file(inst);
+  FILE *const file = inst->sqb_fp;
+  inst->sqbfile_offset = 5000000000;
+  tqp_seq_blob_in_file_flag = 0;
+  tqp_rotate_sqb_file(inst);
+  EXPECT_EQ(file, inst->sqb_fp);
+  tqp_seq_blob_in_file_flag = 1;
+  tqp_rotate_sqb_file(inst);
+  EXPECT_EQ(nullptr, inst->sqb_fp);
+  EXPECT_EQ(file, inst->prev_sqb_fp);
+  EXPECT_EQ(705032704, inst->prev_sqbfile_offset) << "the low 32 bits";
+  EXPECT_EQ(0, inst->sqbfile_offset);
+  inst->prev_sqbfile_offset = INT32_MAX;
+  segment_fp_t *main = main_segment();
+  save_sqb_to_file_and_update_offset(inst, main, true);
+  EXPECT_EQ(INT32_MIN + 4, inst->prev_sqbfile_offset);
+  EXPECT_EQ("blob\n", blobs());
+  tqp_rotate_sqb_file(inst);
+  EXPECT_EQ(nullptr, inst->prev_sqb_fp);
+  save_sqb_to_file_and_update_offset(inst, main, true); // lost without a word
+  EXPECT_EQ("blob\n", blobs());
+  EXPECT_EQ(0, traced("Error"));
+}
+
+TEST_F(flowpath_rows, a_file_that_cannot_be_opened_is_tried_again) {
+  const std::string path = blob_path(partition);
+  mkdir_ex(path.c_str());
+  block(path);
+  segment_fp_t *main = main_segment();
+  dump(main);
+  EXPECT_EQ(1, traced("Seq blob file is not open. Trying to open."));
+  EXPECT_EQ(
+      1, traced("Error in opening file '" + path + "' for writing in append mode, err = 'Is a directory', errno = 21"));
+  EXPECT_EQ(1, traced("Could not open file. Returning."));
+  EXPECT_EQ(1, fp()->seg_arr.used);
+  std::filesystem::remove(path);
+  block(data("TQFlowPath.csv"));
+  tqp_close_stream(&inst->csv_file_pointers[FLOWPATH_CSV_FP]);
+  dump(main);
+  EXPECT_EQ(1, traced("Could not write flowpath self_fpi = 81; main_fpi = 81 to CSV file"));
+  EXPECT_EQ(0, fp()->fp_over_flag);
+  EXPECT_EQ(0, fp()->pending_seg_arr.used);
+  clean();
+  std::filesystem::remove(data("TQFlowPath.csv"));
+  start(91);
+  dump(main_segment());
+  EXPECT_EQ("91,", rows().substr(0, 3));
+  EXPECT_NE("damaged", list_of(rows()));
+}
+
+TEST_F(flowpath_rows, the_blob_file_lies_on_the_other_disk_and_shows_in_the_test_run) {
+  for (const bool one_tree : {false, true}) {
+    disk_processed_path = root + (one_tree ? "/disk1" : "/disk2");
+    std::filesystem::remove_all(root + "/webapps");
+    const std::string link = run_dir() + partition + "/tq/sqb";
+    std::filesystem::remove(link);
+    if (one_tree) {
+      std::filesystem::create_directory(root + "/webapps");
+      std::filesystem::create_symlink("../logs", root + "/webapps/logs");
+    }
+    open_sqb_file(inst);
+    sqb_fwrite(inst, "bytes", 5, true, false);
+    EXPECT_EQ(disk_processed_path + "/TR1001/" + partition + "/tq/sqb", std::filesystem::read_symlink(link).string());
+    EXPECT_EQ("bytes", blobs());
+    EXPECT_EQ("bytes", file_text(link + "/5"));
+  }
+}
+
+} // namespace
