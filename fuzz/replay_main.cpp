@@ -31,7 +31,7 @@ static std::string damaged(std::string text, std::mt19937 &random) {
       text.insert(at, text.substr(at, len));
       break;
     case 3:
-      text.insert(at, std::to_string(static_cast<int64_t>(random()) * static_cast<int64_t>(random())));
+      text.insert(at, std::to_string(static_cast<int64_t>(uint64_t{random()} * uint64_t{random()})));
       break;
     default:
       text.insert(below(text.size()), text.substr(at, len));

@@ -31,7 +31,8 @@
 #ifdef WLLB_ALLOC_WATCHED
 static constexpr size_t first_mapped_size = size_t{1} << 32U;
 #else
-static constexpr size_t first_mapped_size = size_t{128} << 10U;
+// Below, the C heap keeps what is given back and hands it out again without page faults.
+static constexpr size_t first_mapped_size = size_t{4} << 20U;
 #endif
 
 static bool is_mapped(size_t size) {

@@ -318,36 +318,30 @@ TEST_F(timing_sums, query_sums_go_with_a_file_that_cannot_be_opened) {
 TEST_F(timing_sums, a_long_segment_writes_its_queries_once_an_interval) {
   interval_to_dump_sql_timing_data = 120;
   segment.last_sql_data_dumped_ts_sec = 3000;
-  const auto rows_at = [&](int64_t now) {
+  const auto text_at = [&](int64_t now) {
     inst->fp_last_updated_ts_in_sec = now;
     clean_segment_sql_timing_array(inst, &fp, &segment);
-    return std::count(current("TQSQLTiming.csv").begin(), current("TQSQLTiming.csv").end(), '\n');
+    return current("TQSQLTiming.csv");
   };
   queried(1, 1, 3000000);
-  const auto text = [&] { return current("TQSQLTiming.csv"); };
-  rows_at(3120);
-  EXPECT_EQ("", text()) << "the interval has not been exceeded";
+  EXPECT_EQ("", text_at(3120)) << "the interval has not been exceeded";
   tqp_enable_sql_timing = 0;
-  rows_at(3121);
-  EXPECT_EQ("", text());
+  EXPECT_EQ("", text_at(3121));
   tqp_enable_sql_timing = 1;
   interval_to_dump_sql_timing_data = 0;
-  rows_at(3121);
-  EXPECT_EQ("", text());
+  EXPECT_EQ("", text_at(3121));
   interval_to_dump_sql_timing_data = 120;
-  rows_at(3121);
   const std::string first = "0,3,4,5,1073741901,4611686018427387905,1.000000,1,1.000000,1.000000,3000,3000,0,0\n";
-  EXPECT_EQ(first, text());
+  EXPECT_EQ(first, text_at(3121));
   EXPECT_EQ(3121, segment.last_sql_data_dumped_ts_sec);
   csv_dump_sql_timing(inst, &fp, &segment);
-  EXPECT_EQ(first, text()) << "nothing came since";
+  EXPECT_EQ(first, current("TQSQLTiming.csv")) << "nothing came since";
   queried(1, 4, 3122000);
-  rows_at(3241);
-  EXPECT_EQ(first, text());
-  rows_at(3242);
-  EXPECT_EQ(first + "0,3,4,5,1073741901,4611686018427387905,4.000000,1,4.000000,4.000000,3122,3122,0,0\n", text());
-  rows_at(INT64_MIN); // hostile clocks
-  rows_at(INT64_MAX);
+  EXPECT_EQ(first, text_at(3241));
+  EXPECT_EQ(first + "0,3,4,5,1073741901,4611686018427387905,4.000000,1,4.000000,4.000000,3122,3122,0,0\n",
+            text_at(3242));
+  for (const int64_t hostile : {INT64_MIN, INT64_MAX})
+    text_at(hostile);
 }
 
 // --- calls ------------------------------------------------------------------------------------------------------

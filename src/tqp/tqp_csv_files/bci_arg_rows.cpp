@@ -46,7 +46,7 @@ static uint64_t net_wall(int64_t wall) {
 }
 
 static void put_row(tqp_instance_t *inst, const bci_arg_row &row) {
-  wllb_putter out = tqp_begin_side_row(inst, arguments, 15 * 21);
+  wllb_putter out = tqp_begin_side_row(inst, arguments, 15 * tqp_column_room);
   out.num(row.flowpath_id).put(',').num(row.tier).put('.').num(row.seq_num);
   for (const int32_t column : {row.page_id, row.method_id, inst->tierID, inst->serverID, inst->appID})
     out.put(',').num(column);

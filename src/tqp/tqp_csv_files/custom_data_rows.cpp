@@ -49,7 +49,7 @@ static int64_t seconds_of(int64_t fpi) {
 
 static void put_row(tqp_instance_t *inst, const custom_data_row &row, const side_row &placed) {
   const std::string_view text(row.text), value(row.value);
-  wllb_putter out = tqp_begin_side_row(inst, custom_data, 8 * 21 + text.size() + value.size() + 2);
+  wllb_putter out = tqp_begin_side_row(inst, custom_data, 8 * tqp_column_room + text.size() + value.size() + 2);
   out.num(placed.time).put(',').num(placed.fpi).put(',').num(row.header_id).put(',').put(text).put(',');
   out.num(row.kind).put(',').num(row.value64).put(',').put(value).put(',');
   out.num(inst->tierID).put(',').num(inst->serverID).put(',').num(inst->appID).put('\n');

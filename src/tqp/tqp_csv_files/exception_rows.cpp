@@ -116,7 +116,7 @@ static void put_row(tqp_instance_t *inst, const excp_row &row, int64_t time, int
                              row.method_line,
                              row.backend_type,
                              positive_or_minus_1(row.backend_sub_type)};
-  wllb_putter out = tqp_begin_side_row(inst, exceptions, std::size(columns) * 21);
+  wllb_putter out = tqp_begin_side_row(inst, exceptions, std::size(columns) * tqp_column_room);
   for (const int64_t column : columns)
     out.num(column).put(',');
   out.at[-1] = '\n';

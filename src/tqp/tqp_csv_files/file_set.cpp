@@ -175,6 +175,22 @@ static void flush_flowpath_rows(tqp_instance_t *inst) {
   csv_dump_flowpath(inst, 0, nullptr);
 }
 
+static void flush_exceptions(tqp_instance_t *inst) {
+  csv_dump_excp_data(inst, nullptr, 1);
+}
+
+static void flush_custom_data(tqp_instance_t *inst) {
+  csv_dump_http_header_req_rsp_info(inst, nullptr, 1);
+}
+
+static void flush_arguments(tqp_instance_t *inst) {
+  csv_dump_bci_arg_data(inst, nullptr, 1);
+}
+
+static void flush_messages(tqp_instance_t *inst) {
+  csv_dump_jms_data(inst, 0, 0, nullptr, 0, 1);
+}
+
 // Rows of writers without a buffer of their own.
 static void flush_open_files(tqp_instance_t *inst) {
   for (FILE *stream : inst->csv_file_pointers)
@@ -183,7 +199,9 @@ static void flush_open_files(tqp_instance_t *inst) {
 
 // What holds rows back, in the order in which it is written out: first the bytes that rows point to. Metadata rows are
 // flushed one by one.
-constexpr void (*flush_steps[])(tqp_instance_t *) = {flush_blobs, flush_flowpath_rows, flush_open_files};
+constexpr void (*flush_steps[])(tqp_instance_t *) = {flush_blobs,       flush_flowpath_rows, flush_exceptions,
+                                                     flush_custom_data, flush_arguments,     flush_messages,
+                                                     flush_open_files};
 
 void csv_dump_all_files(tqp_instance_t *inst) {
   for (const auto &flush : flush_steps)

@@ -54,7 +54,7 @@ struct jms_message {
 };
 
 static void put_row(jms_message &message, int section, std::string_view key, std::string_view value) {
-  wllb_putter out = tqp_begin_side_row(message.inst, jms_rows, 4 * 21 + key.size() + value.size() + 2);
+  wllb_putter out = tqp_begin_side_row(message.inst, jms_rows, 4 * tqp_column_room + key.size() + value.size() + 2);
   out.num(message.flowpath_id).put(',').num(message.timestamp).put(',').num(section).put(',');
   out.num(message.running_index++).put(',').put(key).put(',').put(value).put('\n');
   out.done(message.inst->jms_data_buf);
@@ -68,9 +68,7 @@ static size_t closing_brace(std::string_view text, size_t at, bool or_equals) {
     const char c = text[at];
     if (c == '{')
       ++depth;
-    else if (c == '}' && --depth == 0)
-      return at;
-    else if (c == '=' && or_equals && depth == 1)
+    else if ((c == '}' && --depth == 0) || (c == '=' && or_equals && depth == 1))
       return at;
   }
   return text.npos;

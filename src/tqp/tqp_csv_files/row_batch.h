@@ -1,4 +1,5 @@
-// Rows of one segment on their way to one stream: collected, so that a call of a writer costs one write a file.
+// How rows of numbers are put together. Rows of one segment are collected on their way to a stream, so that a call of a
+// writer costs one write a file.
 //   In      rows, put piece by piece
 //   Out     the stream's bytes, in order; results of writes are not looked at
 //   Thread  the owner's; the record lives on its stack
@@ -9,6 +10,9 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+
+// Bytes that a whole number takes at most, with the comma behind it.
+constexpr size_t tqp_column_room = 21;
 
 struct tqp_row_batch {
   FILE *file;        // null: closed, and then no row may be put

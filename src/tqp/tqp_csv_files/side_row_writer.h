@@ -7,6 +7,7 @@
 #pragma once
 
 #include "flowpath_files.h"
+#include "row_batch.h"
 
 // A row behind the ones held back, and what decides on its way.
 struct side_row {
@@ -26,7 +27,7 @@ struct side_row_writer {
   bool saves_state;       // rows written out make the instance's position worth saving
   void (*tell_full)();
   void (*tell_closed)(const side_row &row);           // late, and the previous file is closed
-  void (*tell_older)(const side_row &row);            // later than late
+  void (*tell_older)(const side_row &row);            // older than the previous partition
   void (*tell_unwritten)(const tqp_instance_t *inst); // the current file cannot be opened
 };
 

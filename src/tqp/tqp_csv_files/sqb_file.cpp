@@ -84,12 +84,9 @@ static bool put_in_buffer(wllb_text &buffer, const char *data, size_t length) {
 
 // Rows follow only now: none may reach its file ahead of the bytes it points to.
 static void flush_with(tqp_instance_t *inst, const char *data, size_t length) {
-  wllb_text &buffer = inst->sqb_file_buf;
-  const bool joined = put_in_buffer(buffer, data, length);
-  write_out(inst, buffer.data, buffer.len);
-  if (!joined)
-    write_out(inst, data, length);
-  wllb_text_clear(buffer);
+  write_out(inst, inst->sqb_file_buf.data, inst->sqb_file_buf.len);
+  write_out(inst, data, length);
+  wllb_text_clear(inst->sqb_file_buf);
   csv_dump_flowpath(inst, 0, nullptr);
 }
 

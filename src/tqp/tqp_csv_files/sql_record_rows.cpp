@@ -7,8 +7,6 @@
 
 #include "side_row_writer.h"
 
-#include "row_batch.h"
-
 #include <algorithm>
 
 // --- the writer's words ---------------------------------------------------------------------------------------------
@@ -57,7 +55,7 @@ static int64_t end_of(const sql_record_row &row, int64_t wall) {
 void csv_dump_sql_record(tqp_instance_t *inst, const segment_fp_t *segment, const sql_record_row &row) {
   const int64_t wall = whole(row.wall);
   const side_row placed = {inst->sql_record_data_buf.len, end_of(row, wall), row.flowpath_id};
-  wllb_putter out = tqp_begin_side_row(inst, sql_records, 8 * 21 + 2);
+  wllb_putter out = tqp_begin_side_row(inst, sql_records, 8 * tqp_column_room + 2);
   out.num(row.flowpath_id).put(',').num(inst->tierID).put(',').num(inst->serverID).put(',').num(inst->appID);
   out.put(',')
       .num(row.begin_ts / 1000)

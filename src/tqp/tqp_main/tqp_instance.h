@@ -170,6 +170,7 @@ struct tqp_instance_t {
   int64_t raw_data_lines_total_count = 0;                  // lines of the whole file, counted once; 0: not yet
   std::atomic<int64_t> raw_data_file_offset{0};            // bytes of complete lines consumed; read by other threads
   FILE *raw_data_file_offset_fp = nullptr;                 // the offset file
+  int64_t saved_offset_len = 0;                            // bytes of the number that stands in it
   char flag_to_update_offset = 0;                          // a save of the offset is due
   char httpbody_file_path_name[2048] = "";                 // captured body being written
   int httpbody_remaining_bytes = 0;                        // 0: none outstanding

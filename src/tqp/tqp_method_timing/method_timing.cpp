@@ -35,14 +35,13 @@ static void add(int64_t &sum, int64_t amount) {
 
 static mtarray_t &entry_of(segment_fp_t *segment, int32_t method_id) {
   record_array<mtarray_t> &sums = segment->mtarray;
-  const auto id_of = [&sums](int32_t position) { return sums.data[position].method_id; };
-  const int32_t found = id_index_find(segment->mta_index, method_id, id_of);
+  const int32_t found = id_index_find(segment->mta_index, method_id);
   if (found >= 0)
     return sums.data[found];
   record_array_room(sums, sums.used + 1, std::max(16, sums.room), array_label);
   mtarray_t &fresh = sums.data[sums.used];
   fresh.method_id = method_id;
-  id_index_add(segment->mta_index, sums.used++, id_of, index_label);
+  id_index_add(segment->mta_index, method_id, sums.used++, index_label);
   return fresh;
 }
 
@@ -122,7 +121,7 @@ static void put_text_row(tqp_row_batch &batch, const timing_row_context &of, con
                              sum.cum_sync_self_time,
                              sum.cum_io_self_time,
                              sum.cum_suspension_self_time};
-  wllb_putter row = batch.next_row(std::size(columns) * 21);
+  wllb_putter row = batch.next_row(std::size(columns) * tqp_column_room);
   for (const int64_t column : columns)
     row.num(column).put(',');
   row.at[-1] = '\n';

@@ -22,14 +22,17 @@ void tqp_make_offset_file(tqp_instance_t *inst) {
   tqp_close_stream(&inst->raw_data_file_offset_fp);
   const std::string path = offset_file_path(inst);
   inst->raw_data_file_offset_fp = my_fopen(path.c_str(), "w");
+  inst->saved_offset_len = 0;
   tqp_own_path(path.c_str());
 }
 
 static void open_offset_file(tqp_instance_t *inst, const std::string &path) {
   inst->raw_data_file_offset_fp =
       wllb_path_exists(path.c_str()) && !wllb_is_regular_file(path.c_str()) ? nullptr : my_fopen(path.c_str(), "r+");
-  if (inst->raw_data_file_offset_fp)
-    tqp_own_path(path.c_str());
+  if (!inst->raw_data_file_offset_fp)
+    return;
+  inst->saved_offset_len = lseek(fileno(inst->raw_data_file_offset_fp), 0, SEEK_END);
+  tqp_own_path(path.c_str());
 }
 
 // A missing or damaged number reads as 0.
@@ -67,8 +70,9 @@ static void write_offset(tqp_instance_t *inst) {
   const auto end = std::to_chars(text, text + sizeof text, inst->raw_data_file_offset.load()).ptr;
   const int fd = fileno(inst->raw_data_file_offset_fp);
   const auto len = end - text;
-  if (lseek(fd, 0, SEEK_END) > len && ftruncate(fd, 0) != 0)
+  if (inst->saved_offset_len > len && ftruncate(fd, 0) != 0)
     return;
+  inst->saved_offset_len = len;
   if (pwrite(fd, text, static_cast<size_t>(len), 0) == len)
     inst->flag_to_update_offset = 0;
 }

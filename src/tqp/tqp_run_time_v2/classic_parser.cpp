@@ -287,6 +287,7 @@ static int32_t next_seq_num(segment_fp_t *segment) {
 static int run_entry(classic_run *run, classic_method *m) {
   blob_reader *const r = run->r;
   segment_fp_t *const segment = r->segment;
+  tqp_method_sum_will_be_needed(segment, m->norm_method_id);
   segment->seq_blob_start = 1;
   ++segment->entry_methods_count;
   ++segment->entry_exit_methods_count;
@@ -394,6 +395,7 @@ static int run_exit(classic_run *run, classic_method *m) {
   blob_reader *const r = run->r;
   segment_fp_t *const segment = r->segment;
   ++segment->entry_exit_methods_count;
+  tqp_method_sum_is_needed_soon(segment, m->norm_method_id);
   if (const int result = read_exit_fields(r, m); result != GO_ON)
     return result;
   m->times.wall = run->rel_time;

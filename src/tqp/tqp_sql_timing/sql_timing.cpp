@@ -21,8 +21,7 @@ static constexpr const char *index_label = "fp->sqla_index";
 
 static sqlarray_t &entry_of(segment_fp_t *segment, int32_t sql_id) {
   record_array<sqlarray_t> &sums = segment->sqlarray;
-  const auto id_of = [&sums](int32_t position) { return sums.data[position].sql_id; };
-  const int32_t found = id_index_find(segment->sqla_index, sql_id, id_of);
+  const int32_t found = id_index_find(segment->sqla_index, sql_id);
   if (found >= 0)
     return sums.data[found];
   record_array_room(sums, sums.used + 1, std::max(8, sums.room), array_label);
@@ -30,7 +29,7 @@ static sqlarray_t &entry_of(segment_fp_t *segment, int32_t sql_id) {
   fresh.sql_id = sql_id;
   fresh.min = 4294967295.0;
   fresh.startsqlbegintimestamp = UINT64_MAX;
-  id_index_add(segment->sqla_index, sums.used++, id_of, index_label);
+  id_index_add(segment->sqla_index, sql_id, sums.used++, index_label);
   return fresh;
 }
 
@@ -79,7 +78,7 @@ struct sql_row_context {
 };
 
 static void put_row(tqp_row_batch &batch, const sql_row_context &of, const sqlarray_t &sum) {
-  wllb_putter row = batch.next_row(11 * 21 + 3 * tqp_fixed_room);
+  wllb_putter row = batch.next_row(11 * tqp_column_room + 3 * tqp_fixed_room);
   for (const int64_t column : {int64_t{norm_id_of(of.inst, sum.sql_id)}, int64_t{of.inst->tierID},
                                int64_t{of.inst->serverID}, int64_t{of.inst->appID}, int64_t{of.url}, of.main_fpi})
     row.num(column).put(',');

@@ -1,0 +1,641 @@
+// Side records: rows held back and written out, late rows, and the records of exceptions and JMS messages down to their
+// rows.
+
+#include "late_files_fixture.h"
+
+#include "event_table.h"
+#include "tqp_process_data.h"
+
+#include <algorithm>
+#include <functional>
+#include <random>
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+constexpr int64_t now = 2500;
+
+// --- the writers that hold rows back ----------------------------------------------------------------------------
+
+// A number of `digits` ones.
+int64_t ones(size_t digits) {
+  return atoll(std::string(digits, '1').c_str());
+}
+
+// One writer: how a row of `len` bytes is put into it, and its words.
+struct writer {
+  const char *name;
+  int slot;
+  const char *file;
+  int *size;
+  bool row_first, saves;
+  // Puts a row of a time (s) and gives the row that must come out.
+  std::function<std::string(tqp_instance_t *, int64_t time, size_t len)> put;
+  std::function<void(tqp_instance_t *)> force;
+  std::string full, closed, older, unwritten;
+};
+
+std::string put_exception(tqp_instance_t *inst, int64_t time, size_t len) {
+  const std::string stamp = std::to_string(time), front = stamp + ",0,0,0,", back = ",0,0,0,-1,";
+  const size_t digits = len - (front + back).size() - strlen(",3,4,5,,,-1\n"); // of the number, lines and type: 1 to 49
+  const size_t line = std::clamp<size_t>(digits - 3, 1, 10), mline = std::clamp<size_t>(digits - line - 2, 1, 10);
+  const size_t type = std::clamp<size_t>(digits - line - mline - 1, 1, 10);
+  excp_row row = {};
+  row.flowpath_id = ones(digits - line - mline - type);
+  row.timestamp = stamp.c_str();
+  row.line = static_cast<int32_t>(ones(line));
+  row.stack_trace = "";
+  row.method_line = static_cast<int32_t>(ones(mline));
+  row.backend_type = static_cast<int32_t>(ones(type));
+  csv_dump_excp_data(inst, &row, 0);
+  return wllb_format("%ld,3,4,5,%s%d%s%d,%d,-1\n", row.flowpath_id, front.c_str(), row.line, back.c_str(),
+                     row.method_line, row.backend_type);
+}
+
+// The fpi carries the time in ms behind 8 bits.
+std::string put_custom(tqp_instance_t *inst, int64_t time, size_t len) {
+  const int64_t fpi = (time * 1000) << 8;
+  const std::string fpi_text = std::to_string(fpi), front = wllb_format("%ld,%ld,12,", time, fpi);
+  const std::string back = ",2,-7,v,3,4,5\n", text(len - front.size() - back.size(), 't');
+  const custom_data_row row = {
+      .fpi_text = fpi_text.c_str(), .header_id = 12, .text = text.c_str(), .kind = 2, .value64 = -7, .value = "v"};
+  csv_dump_http_header_req_rsp_info(inst, &row, 0);
+  return front + text + back;
+}
+
+std::string put_argument(tqp_instance_t *inst, int64_t time, size_t len) {
+  const std::string middle = wllb_format("%ld", time);
+  const size_t digits = len - middle.size() - strlen(",1.1,1,1,3,4,5,,,,0,0,0,0\n"); // of fpi, wall and cpu: 3 to 57
+  const size_t wall = std::clamp<size_t>(digits - 2, 1, 19), cpu = std::clamp<size_t>(digits - wall - 1, 1, 19);
+  bci_arg_row row = {};
+  row.flowpath_id = ones(digits - wall - cpu);
+  row.tier = row.seq_num = row.page_id = row.method_id = 1;
+  row.wall = ones(wall);
+  row.cpu = ones(cpu);
+  row.timestamp = time;
+  csv_dump_bci_arg_data(inst, &row, 0);
+  return wllb_format("%ld,1.1,1,1,3,4,5,%ld,%ld,%ld,0,0,0,0\n", row.flowpath_id, row.wall, row.cpu, time);
+}
+
+std::string put_jms(tqp_instance_t *inst, int64_t time, size_t len) {
+  const std::string front = wllb_format("81,%ld999,2,1,,", time), value(len - front.size() - 1, 'v');
+  const std::string payload = "Header={=}Properties={=}Text={" + value + "}";
+  csv_dump_jms_data(inst, 81, time * 1000 + 999, payload.c_str(), payload.size(), 0);
+  return front + value + "\n";
+}
+
+const std::string previous_words = "Raw data received for previous partition, whereas the ";
+const std::string older_words = "Raw data received for previous to previous partition, ignoring this ";
+
+// clang-format off
+const writer writers[] = {
+  {"exceptions", EXCP_DATA_CSV_FP, "TQExceptions.csv", &max_buffered_excp_data_bufsize, true, true, put_exception,
+   [](auto *i) { csv_dump_excp_data(i, nullptr, 1); }, "Exception Data buffer is 80% full, forcing all table to be uploaded",
+   previous_words + "exception data record csv file pointer is closed, fpi = ", older_words + "exception data record, fpi = ",
+   "Could not open excp_data_buf csv file '"},
+  {"custom data", HTTP_CAPTURE_HEADER_CSV_FP, "TQCustomData.csv", &max_buffered_http_header_bufsize, true, true, put_custom,
+   [](auto *i) { csv_dump_http_header_req_rsp_info(i, nullptr, 1); }, "Http header buffer is 80% full, forcing all table to be uploaded",
+   previous_words + "http header data record csv file pointer is closed, fpi = ", older_words + "http header data record, fpi = ",
+   "Could not write to http_capture_header csv file"},
+  {"arguments", BCIARG_CSV_FP, "TQBCIArg.csv", &max_buffered_bci_arg_bufsize, true, true, put_argument,
+   [](auto *i) { csv_dump_bci_arg_data(i, nullptr, 1); }, "Meta Data buffer is 80% full, forcing all table to be uploaded",
+   previous_words + "BCIArgs record csv file pointer is closed, fpi = ", older_words + "BCIArgs data record, fpi = ",
+   "Could not write to http_capture_header csv file"},
+  {"jms", JMS_CSV_FP, "TQJMS.csv", &max_buffered_jms_bufsize, false, false, put_jms,
+   [](auto *i) { csv_dump_jms_data(i, 0, 0, nullptr, 0, 1); }, "JMS Data buffer is 80% full, forcing all table to be uploaded",
+   previous_words + "jms record csv file pointer is closed, flowpathinstnace = ", older_words + "jms data record, flowpathinstnace = ",
+   "Could not write to http_capture_header csv file"},
+};
+
+// clang-format on
+
+class side_records : public late_files {
+protected:
+  side_records() {
+    g_vex_epoc_diff = 100000; // times below are of the test's epoch
+    tqe_seqno_of_bits = 8;
+    ts_org_mask = uint64_t{0x3FFFFFFFFFFFFF} << 8;
+    wllb_init_norm_id_table(&key_excp_st_id, 64);
+    std::filesystem::create_directories(raw_data_dir());
+    tqp_make_offset_file(inst);
+  }
+
+  ~side_records() override { wllb_obj_hash_destroy(&key_excp_st_id); }
+
+  std::string raw_data_dir() const { return root + "/webapps/logs/TR1001/" + partition + "/tq/raw_data/"; }
+
+  // Whether the offset has been saved since the last question.
+  bool saved() {
+    const bool due = inst->flag_to_update_offset;
+    inst->raw_data_file_offset += 1;
+    inst->flag_to_update_offset = 1;
+    return !due;
+  }
+
+  std::string fill(const writer &w, size_t total, size_t row_len) {
+    std::string rows;
+    while (rows.size() + 2 * row_len <= total)
+      rows += w.put(inst, now, row_len);
+    rows += w.put(inst, now, total - rows.size());
+    EXPECT_EQ(total, rows.size());
+    return rows;
+  }
+
+  void run(void (*handler)(tq_event &), int id, const std::string &fields) {
+    std::string line = fields + "\n7,next line,1\n";
+    tq_event ev = {inst, id, 0, {line.data(), line.data() + fields.size()}};
+    handler(ev);
+    EXPECT_EQ("7,next line,1\n", line.substr(fields.size() + 1));
+  }
+};
+
+TEST_F(side_records, four_fifths_are_held_back_and_one_byte_more_is_written) {
+  for (const writer &w : writers)
+    for (const size_t more : {0, 1}) {
+      SCOPED_TRACE(testing::Message() << w.name << more);
+      *w.size = 2048; // four fifths: 1638
+      saved();
+      const std::string before = current(w.file);
+      const int told = traced(w.full);
+      const std::string rows = fill(w, 1638 + more, 78);
+      EXPECT_EQ(before + (more ? rows : ""), current(w.file));
+      EXPECT_EQ(told + static_cast<int>(more), traced(w.full));
+      EXPECT_EQ(w.saves && more, saved());
+      w.force(inst);
+      EXPECT_EQ(before + rows, current(w.file));
+      EXPECT_EQ(w.saves && !more, saved()) << "a force with nothing held back does nothing";
+      w.force(inst);
+      EXPECT_FALSE(saved());
+    }
+}
+
+TEST_F(side_records, a_row_that_does_not_fit_changes_places_with_the_rows_held_back) {
+  for (const writer &w : writers)
+    for (const size_t more : {0, 1}) { // 512 bytes less the margin: 255 are held back
+      SCOPED_TRACE(testing::Message() << w.name << more);
+      *w.size = 512;
+      const std::string before = current(w.file);
+      const std::string held = fill(w, 180, 60), row = w.put(inst, now, 75 + more);
+      EXPECT_EQ(75 + more, row.size());
+      EXPECT_EQ(before + (more == 0 ? "" : w.row_first ? row + held : held + row), current(w.file));
+      w.force(inst);
+      EXPECT_EQ((before + held + row).size(), current(w.file).size());
+      EXPECT_EQ(0, traced(w.full));
+    }
+}
+
+TEST_F(side_records, each_row_goes_to_the_partition_of_its_own_time) {
+  for (const writer &w : writers) {
+    SCOPED_TRACE(w.name);
+    const std::string held = w.put(inst, begin, 70);
+    w.put(inst, begin - 1, 70);
+    w.put(inst, prev_begin - 1, 70);
+    EXPECT_EQ(2, traced(w.closed)) << "without the previous file its age does not matter";
+    EXPECT_EQ(0, traced(w.older));
+    open_previous(w.slot);
+    const std::string late = w.put(inst, begin - 1, 70);
+    EXPECT_EQ(late, previous(w.slot)) << "at once";
+    const std::string later = w.put(inst, prev_begin, 70);
+    EXPECT_EQ(late + later, previous(w.slot));
+    w.put(inst, prev_begin - 1, 70);
+    EXPECT_EQ(1, traced(w.older));
+    EXPECT_EQ(2, traced(w.closed));
+    EXPECT_EQ(wllb_format("9,5,tier_server_app/%s\n9,5,tier_server_app/%s\n", w.file, w.file), done());
+    w.force(inst);
+    EXPECT_EQ(held, current(w.file));
+  }
+}
+
+TEST_F(side_records, rows_are_lost_without_their_file_and_later_ones_are_not) {
+  for (const writer &w : writers) {
+    SCOPED_TRACE(w.name);
+    *w.size = 512;
+    const int told = traced(w.unwritten);
+    block(data(w.file));
+    w.put(inst, now, 70);
+    w.force(inst);
+    EXPECT_EQ(told + 1, traced(w.unwritten));
+    std::filesystem::remove(data(w.file));
+    w.force(inst);
+    const std::string row = w.put(inst, now, 70);
+    w.force(inst);
+    EXPECT_EQ(row, current(w.file));
+  }
+  EXPECT_EQ(1, traced("csv file '" + data("TQExceptions.csv") + "'"));
+}
+
+TEST_F(side_records, a_partition_s_last_rows_are_written_with_the_instance_s_state) {
+  std::string rows[std::size(writers)];
+  for (size_t i = 0; i < std::size(writers); ++i)
+    rows[i] = writers[i].put(inst, now, 70);
+  csv_dump_all_files(inst);
+  for (size_t i = 0; i < std::size(writers); ++i)
+    EXPECT_EQ(rows[i], current(writers[i].file)) << writers[i].name;
+}
+
+// --- rows by hand -----------------------------------------------------------------------------------------------
+
+TEST_F(side_records, an_argument_s_net_time_below_0_prints_as_0) {
+  bci_arg_row row = {81, 2, 7, 12, 31, 120, 80, 3, -1, 5, 6, 1999};
+  row.timestamp = now;
+  for (const int64_t wall : {int64_t{120}, int64_t{-1}, INT64_MIN, INT64_MIN + 1}) {
+    row.wall = wall;
+    csv_dump_bci_arg_data(inst, &row, 0);
+  }
+  csv_dump_bci_arg_data(inst, nullptr, 0);
+  csv_dump_bci_arg_data(inst, nullptr, 1);
+  const std::string back = ",80,2500,3,18446744073709551615,5,6\n", front = "81,2.7,12,31,3,4,5,";
+  EXPECT_EQ(front + "120" + back + front + "0" + back + front + "9223372036854775808" + back + front + "0" + back,
+            current("TQBCIArg.csv"));
+}
+
+TEST_F(side_records, a_custom_value_has_the_time_of_its_flowpath_s_number) {
+  const int64_t fpi = int64_t{2500999} << 8 | 0x40000000000000A5;
+  const std::string tuple = std::to_string(fpi) + ":1:2:3";
+  const std::string text(3000, 'x');
+  custom_data_row row = {tuple.c_str(), 12, "amount", 1, -250, "-2,50"};
+  csv_dump_http_header_req_rsp_info(inst, &row, 0);
+  row.value = text.c_str();
+  row.fpi_text = "255:1"; // no time at all, in an older partition
+  open_previous(HTTP_CAPTURE_HEADER_CSV_FP);
+  csv_dump_http_header_req_rsp_info(inst, &row, 0);
+  EXPECT_EQ(1, traced("ignoring this http header data record, fpi = 255:1"));
+  ts_org_mask = UINT64_MAX;
+  tqe_seqno_of_bits = 64 + 1;
+  row.fpi_text = "-1";
+  csv_dump_http_header_req_rsp_info(inst, &row, 0);
+  csv_dump_http_header_req_rsp_info(inst, nullptr, 1);
+  EXPECT_EQ(wllb_format("2500,%ld,12,amount,1,-250,-2,50,3,4,5\n9223372036854775,-1,12,amount,1,-250,%s,3,4,5\n", fpi,
+                        text.c_str()),
+            current("TQCustomData.csv"));
+}
+
+TEST_F(side_records, an_execution_goes_to_the_partition_of_its_end) {
+  segment_fp_t segment = {};
+  segment.bci_urlid = -1;
+  tqp_enable_sql_record = 1;
+  const auto dump = [&](int64_t begin_ms, double wall, char status) {
+    csv_dump_sql_record(inst, &segment, {81, begin_ms, wall, 12, status});
+  };
+  dump(1999000, 999.99, 'E'); // ends before the partition begins, whose previous file is closed
+  EXPECT_EQ(
+      1,
+      traced(
+          "Raw data received for previous partition, whereas the sql record csv file pointer is closed, flowpath_instance = 81"));
+  open_previous(SQL_RECORD_TABLE_FP);
+  dump(1999000, 999.99, 'E');
+  dump(999000, 999.99, 'E');
+  EXPECT_EQ(
+      1,
+      traced("Raw data received for previous to previous partition, ignoring this sql record, flowpath_instance = 81"));
+  EXPECT_EQ("81,3,4,5,1999,999,12,E,0\n", previous(SQL_RECORD_TABLE_FP));
+  EXPECT_EQ("9,5,tier_server_app/TQSQLRecord.csv\n", done());
+  block(data("TQSQLRecord.csv"));
+  dump(1999000, 1000, 'a');
+  EXPECT_EQ(1, traced("Could not write to sql record csv file"));
+  std::filesystem::remove(data("TQSQLRecord.csv"));
+  dump(1999000, 1000, 'a');
+  segment.bci_urlid = 1;
+  tqp_store_loc2norm(inst, LOC2NORM_URL, 1, 9 | norm_id_flag);
+  dump(INT64_MAX, 1e300, 0);
+  EXPECT_EQ("81,3,4,5,1999,1000,12,a,0\n81,3,4,5,9223372036854775,2147483647,12,,1073741833\n",
+            current("TQSQLRecord.csv"));
+}
+
+// --- exceptions -------------------------------------------------------------------------------------------------
+
+class exceptions : public side_records {
+protected:
+  // Local id i of each map is norm id 100 * map + i.
+  exceptions() {
+    const int bits[] = {LOC2NORM_METHOD,   LOC2NORM_EXCP_CLS,   LOC2NORM_EXCP_THR_CLS, LOC2NORM_EXCP_THR_MTD,
+                        LOC2NORM_EXCP_MSG, LOC2NORM_EXCP_CAUSE, LOC2NORM_EXCP_ST};
+    for (int map = 0; map < static_cast<int>(std::size(bits)); ++map)
+      for (int id = 1; id < 10; ++id)
+        tqp_store_loc2norm(inst, bits[map], id, 100 * (map + 1) + id);
+    for (int id = 2; id <= 8; ++id) // 7 queries, so that 7 is the last id that passes
+      tqp_store_sql(inst, id, 800 + id, 1);
+  }
+
+  const std::vector<std::string> full = {"81:80:79", "2500", "1", "12", "2", "7", "2", "3", "4", "42", "5", "6", "8"};
+  const std::string full_row = "79,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,807\n";
+
+  static std::string joined(const std::vector<std::string> &fields) {
+    std::string text;
+    for (const std::string &field : fields)
+      text += field + ",";
+    text.pop_back();
+    return text;
+  }
+
+  // The rows that a record adds; `id` 38 has all the fields, 31 leaves out numbers 3 to 6.
+  std::string rows_of(std::vector<std::string> fields, int id = 38) {
+    if (id == 31)
+      fields.erase(fields.begin() + 2, fields.begin() + 6);
+    return rows_of(id, joined(fields));
+  }
+
+  std::string rows_of(int id, const std::string &fields) {
+    const size_t before = current("TQExceptions.csv").size();
+    run(tq_run_exception, id, fields);
+    csv_dump_excp_data(inst, nullptr, 1);
+    return current("TQExceptions.csv").substr(before);
+  }
+
+  std::string rows_with(size_t field, const std::string &text, int id = 38) {
+    std::vector<std::string> fields = full;
+    fields[field] = text;
+    return rows_of(fields, id);
+  }
+
+  uint32_t bad_records() {
+    wllb_hold hold(inst->tqp_instance_mon_stat_info.tqp_instance_mon_str_lock);
+    return inst->tqp_instance_mon_stat_info.invalid_rawdata_count;
+  }
+};
+
+TEST_F(exceptions, ids_become_norm_ids) {
+  EXPECT_EQ(full_row, rows_of(full));
+  EXPECT_EQ("79,3,4,5,2500,202,303,404,42,505,606,708,-1,0,0,-1\n", rows_of(full, 31));
+  EXPECT_EQ(2U, inst->excp_counts);
+}
+
+TEST_F(exceptions, a_record_cut_anywhere_is_incomplete_or_whole) {
+  const std::string record = joined(full);
+  for (const int id : {38, 31}) {
+    std::vector<std::string> fields = full;
+    if (id == 31)
+      fields.erase(fields.begin() + 2, fields.begin() + 6);
+    const std::string whole = joined(fields);
+    for (size_t cut = 0; cut <= whole.size(); ++cut) {
+      SCOPED_TRACE(testing::Message() << id << whole.substr(0, cut));
+      const uint32_t bad = bad_records();
+      const auto commas = static_cast<size_t>(std::count(whole.begin(), whole.begin() + static_cast<long>(cut), ','));
+      const std::string rows = rows_of(id, whole.substr(0, cut));
+      EXPECT_EQ(commas == fields.size() - 1, !rows.empty());
+      EXPECT_EQ(commas == fields.size() - 1 ? bad : bad + 1, bad_records());
+    }
+    const uint32_t bad = bad_records();
+    EXPECT_EQ("", rows_of(id, whole + ","));
+    EXPECT_EQ(bad, bad_records()) << "told, not counted";
+  }
+  EXPECT_EQ(2, traced("More fields than expected."));
+}
+
+TEST_F(exceptions, each_field_empty_unknown_or_at_the_edge) {
+  const struct {
+    const char *empty; // the row with this field empty
+    int size;          // an id above it is unknown; 0: not an id
+    const char *edge;  // the row with the size for an id
+    const char *unknown;
+  } fields[] = {
+      {"0,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,807\n", 0, "", ""},
+      {"", 0, "", ""}, // time 0: an older partition
+      {"79,3,4,5,2500,202,303,404,42,505,606,708,-1,12,2,807\n", 16384,
+       "79,3,4,5,2500,202,303,404,42,505,606,708,-1,12,2,807\n",
+       "Method Id found for which meta data record 5 not found."},
+      {"79,3,4,5,2500,202,303,404,42,505,606,708,101,0,2,807\n", 0, "", ""},
+      {"79,3,4,5,2500,202,303,404,42,505,606,708,101,12,0,7\n", 0, "", ""},
+      {"79,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,-1\n", 7,
+       "79,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,807\n",
+       "Backend subtype found for which meta data record 22 not found."},
+      {"79,3,4,5,2500,0,303,404,42,505,606,708,101,12,2,807\n", 4096,
+       "79,3,4,5,2500,0,303,404,42,505,606,708,101,12,2,807\n",
+       "Class Id found for which meta data record 32 not found."},
+      {"79,3,4,5,2500,202,0,404,42,505,606,708,101,12,2,807\n", 4096,
+       "79,3,4,5,2500,202,0,404,42,505,606,708,101,12,2,807\n",
+       "Throwing Class Id found for which meta data record 33 not found."},
+      {"79,3,4,5,2500,202,303,0,42,505,606,708,101,12,2,807\n", 4096,
+       "79,3,4,5,2500,202,303,0,42,505,606,708,101,12,2,807\n",
+       "Throwing method Id found for which meta data record 34 not found."},
+      {"79,3,4,5,2500,202,303,404,0,505,606,708,101,12,2,807\n", 0, "", ""},
+      {"79,3,4,5,2500,202,303,404,42,0,606,708,101,12,2,807\n", 4096,
+       "79,3,4,5,2500,202,303,404,42,0,606,708,101,12,2,807\n",
+       "Message Id found for which meta data record 35 not found."},
+      {"79,3,4,5,2500,202,303,404,42,505,0,708,101,12,2,807\n", 4096,
+       "79,3,4,5,2500,202,303,404,42,505,0,708,101,12,2,807\n",
+       "Cause Id found for which meta data record 37 not found."},
+      {"79,3,4,5,2500,202,303,404,42,505,606,0,101,12,2,807\n", 4096,
+       "79,3,4,5,2500,202,303,404,42,505,606,0,101,12,2,807\n",
+       "Stack Trace Id found for which meta data record 36 not found."},
+  };
+
+  ASSERT_EQ(full.size(), std::size(fields));
+  for (size_t i = 0; i < std::size(fields); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(fields[i].empty, rows_with(i, ""));
+    if (fields[i].size == 0)
+      continue;
+    EXPECT_EQ(fields[i].edge, rows_with(i, std::to_string(fields[i].size)));
+    for (const char *id : {"999999", "4294967298", "99999999999999999999"})
+      EXPECT_EQ("", rows_with(i, id));
+    EXPECT_EQ(3, traced(std::string("; ") + fields[i].unknown));
+    EXPECT_NE("", rows_with(i, "-5"));
+  }
+  EXPECT_EQ(0U, bad_records());
+  EXPECT_EQ("", rows_with(5, "8")) << "known, but above the number of queries";
+  EXPECT_EQ("79,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,-1\n", rows_with(5, "1")) << "not known, but below it";
+  EXPECT_EQ("79,3,4,5,2500,202,303,404,42,505,606,708,101,12,3,999999\n",
+            rows_of({"79", "2500", "1", "12", "3", "999999", "2", "3", "4", "42", "5", "6", "8"}))
+      << "a subtype is a query's id with backend type 2 alone";
+}
+
+TEST_F(exceptions, flowpath_numbers_times_and_stack_traces_come_in_several_forms) {
+  const std::string rest = ",3,4,5,2500,202,303,404,42,505,606,708,-1,0,0,-1\n";
+  for (const auto &[text, id] : {std::pair{"7", "7"}, {"5:6:7", "7"}, {"5:6:", "5"}, {":", "0"}, {"5::8", "8"}})
+    EXPECT_EQ(id + rest, rows_with(0, text, 31)) << text;
+  g_vex_epoc_diff = 2500;
+  EXPECT_EQ("79" + rest, rows_with(1, "2500", 31)) << "not above the test's start";
+  g_vex_epoc_diff = 3000;
+  EXPECT_EQ("79" + rest, rows_with(1, "5500999", 31)) << "ms, absolute";
+  g_vex_epoc_diff = INT64_MIN;
+  rows_with(1, "9223372036854775807", 31);
+  g_vex_epoc_diff = 3000;
+
+  const std::string front = "79,3,4,5,2500,202,303,404,42,505,606,", back = ",-1,0,0,-1\n";
+  int is_new;
+  wllb_get_or_gen_norm_id(&key_excp_st_id, "-", 0, &is_new); // id 0, as after start
+  EXPECT_EQ(front + "1" + back, rows_with(12, "at a.b(c)", 31));
+  EXPECT_EQ(front + "2" + back, rows_with(12, "-8", 31)) << "no digit";
+  EXPECT_EQ(front + "1" + back, rows_with(12, "at a.b(c)", 31));
+  EXPECT_EQ("1,at a.b(c)\n2,-8\n", file_text(common("TQExceptionStackTrace.csv")));
+}
+
+TEST_F(exceptions, only_those_of_the_current_partition_are_counted) {
+  open_previous(EXCP_DATA_CSV_FP);
+  for (const char *time : {"1999", "999", "2000"})
+    rows_with(1, time);
+  EXPECT_EQ("79,3,4,5,1999,202,303,404,42,505,606,708,101,12,2,807\n", previous(EXCP_DATA_CSV_FP));
+  EXPECT_EQ(1U, inst->excp_counts);
+}
+
+// --- JMS --------------------------------------------------------------------------------------------------------
+
+struct jms_row {
+  int section;
+  std::string key, value;
+};
+
+std::string text_of(const std::vector<jms_row> &rows) {
+  std::string text;
+  int index = 0;
+  for (const jms_row &row : rows)
+    text += wllb_format("81,2500250,%d,%d,", row.section, ++index) + row.key + "," + row.value + "\n";
+  return text;
+}
+
+// A second reader, which first works out how deep each byte lies: 0 is the byte of the section's own closing brace, a
+// value's closing brace lies at 1 like the text around it.
+std::vector<jms_row> rows_of_section(int section, const std::string &text) {
+  std::string depths;
+  char depth = 1;
+  for (const char c : text) {
+    depth = static_cast<char>(depth + (c == '{') - (c == '}'));
+    depths += depth;
+    if (depth == 0)
+      break;
+  }
+  const std::string inside = text.substr(0, depths.size());
+  const auto next = [&](char c, char at_depth, size_t from) {
+    for (; from < inside.size(); ++from)
+      if (inside[from] == c && depths[from] == at_depth)
+        return from;
+    return inside.npos;
+  };
+  const size_t end = next('}', 0, 0);
+  std::vector<jms_row> rows;
+  if (next('=', 1, 0) == inside.npos)
+    return end == inside.npos ? rows : std::vector<jms_row>{{section, "", inside.substr(0, end)}};
+  for (size_t from = 0;;) {
+    while (from < inside.size() && (inside[from] == ' ' || inside[from] == '\t'))
+      ++from;
+    const size_t equals = next('=', 1, from), open = next('{', 2, equals == inside.npos ? equals : equals + 1);
+    const size_t close = next('}', 1, open);
+    if (close == inside.npos)
+      return rows;
+    rows.push_back({section, inside.substr(from, equals - from), inside.substr(open + 1, close - open - 1)});
+    from = close + 1;
+  }
+}
+
+std::vector<jms_row> rows_of_payload(const std::string &payload) {
+  const std::string names[] = {"Header={", "Properties={", "Text={"};
+  std::vector<std::pair<size_t, int>> places;
+  for (int i = 0; i < 3; ++i)
+    if (const size_t at = payload.find(names[i]); at != payload.npos)
+      places.emplace_back(at, i);
+  std::sort(places.begin(), places.end());
+  std::vector<jms_row> rows;
+  for (size_t i = 0; i < places.size(); ++i) {
+    const size_t from = places[i].first + names[places[i].second].size();
+    const size_t end = i + 1 < places.size() ? places[i + 1].first : payload.size();
+    for (const jms_row &row : rows_of_section(places[i].second, payload.substr(from, end - from)))
+      rows.push_back(row);
+  }
+  return rows;
+}
+
+class jms : public side_records {
+protected:
+  std::string rows_of(const std::string &payload) {
+    const size_t before = current("TQJMS.csv").size();
+    CaptureStderr();
+    run(tq_run_jms, TQ_EV_JMS, "81,2500250," + payload);
+    notes = GetCapturedStderr();
+    csv_dump_jms_data(inst, 0, 0, nullptr, 0, 1);
+    return current("TQJMS.csv").substr(before);
+  }
+
+  std::string notes; // on standard error, of the last record
+};
+
+TEST_F(jms, sections_become_rows_in_the_order_of_their_places) {
+  EXPECT_EQ("81,2500250,0,1,id,ID:7\n81,2500250,0,2,type,\n81,2500250,1,3,a b,{x={1}}\n81,2500250,2,4,,hello, {you}\n",
+            rows_of("Header={id={ID:7} \ttype={}}Properties={a b={{x={1}}}}Text={hello, {you}}"));
+  EXPECT_EQ("", notes);
+  EXPECT_EQ(1, traced("More fields than expected.")) << "the comma is told, and stays";
+  const std::vector<std::pair<std::string, std::string>> sections = {
+      {"Header={h={1}}", "0,%d,h,1\n"}, {"Properties={p={2}}", "1,%d,p,2\n"}, {"Text={t={3}}", "2,%d,t,3\n"}};
+  std::vector<int> order = {0, 1, 2};
+  do {
+    std::string payload, expected;
+    for (size_t i = 0; i < 3; ++i) {
+      payload += "x " + sections[static_cast<size_t>(order[i])].first;
+      std::string row = "81,2500250," + sections[static_cast<size_t>(order[i])].second;
+      expected += row.replace(row.find("%d"), 2, std::to_string(i + 1));
+    }
+    EXPECT_EQ(expected, rows_of(payload)) << payload;
+  } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST_F(jms, missing_sections_are_told_on_standard_error) {
+  EXPECT_EQ("81,2500250,2,1,,a\n", rows_of("Text={a}"));
+  EXPECT_EQ("Header string not found\nProperties string not found\n", notes);
+  EXPECT_EQ("81,2500250,0,1,,\n81,2500250,1,2,,\n", rows_of("Header={}Properties={}"));
+  EXPECT_EQ("Text string not found\n", notes);
+  for (const char *payload : {"", "nothing", ",", "Header=", "text={a}"}) {
+    EXPECT_EQ("", rows_of(payload)) << payload;
+    EXPECT_EQ("Data not found\n", notes) << payload;
+  }
+  for (const char *fields : {"", "81", "81,2500250"})
+    run(tq_run_jms, TQ_EV_JMS, fields);
+  EXPECT_EQ(3, traced("Found incomplete record, skipping."));
+}
+
+TEST_F(jms, any_damage_reads_as_a_second_reader_reads_it) {
+  const std::string whole = "Header={id={ID:7} type={}}Properties={a={{x={1}}} b=c{d}}Text={hello {you}}";
+  ASSERT_EQ(5U, rows_of_payload(whole).size());
+  for (size_t i = 0; i <= whole.size(); ++i) {
+    EXPECT_EQ(text_of(rows_of_payload(whole.substr(0, i))), rows_of(whole.substr(0, i)));
+    std::string without = whole;
+    without.erase(i, 1);
+    EXPECT_EQ(text_of(rows_of_payload(without)), rows_of(without)) << without;
+    for (const char c : {'{', '}', '=', ' ', ','}) {
+      std::string with = whole;
+      with.insert(i, 1, c);
+      EXPECT_EQ(text_of(rows_of_payload(with)), rows_of(with)) << with;
+    }
+  }
+  std::mt19937 random(3);
+  const char *const pieces[] = {"{", "}", "{", "}", "=", " ", "k", "={", "k={v}", "Header={", "Properties={", "Text={"};
+  for (int round = 0; round < 500; ++round) {
+    std::string payload;
+    for (size_t i = 0; i < random() % 40; ++i)
+      payload += pieces[random() % std::size(pieces)];
+    EXPECT_EQ(text_of(rows_of_payload(payload)), rows_of(payload)) << payload;
+  }
+}
+
+TEST_F(jms, rows_that_outgrow_the_buffer_follow_the_rows_held_back) {
+  max_buffered_jms_bufsize = 4096;
+  const std::string held = put_jms(inst, now, 100);
+  std::string payload = "Header={", expected;
+  for (int i = 1; i <= 600; ++i) { // 3 KB make 15 KB
+    payload += "k={}";
+    expected += wllb_format("81,2500250,0,%d,k,\n", i);
+  }
+  CaptureStderr();
+  run(tq_run_jms, TQ_EV_JMS, "81,2500250," + payload + "}");
+  GetCapturedStderr();
+  EXPECT_EQ(held + expected, current("TQJMS.csv"));
+  EXPECT_LT(inst->jms_data_buf.size, 2U * 4096) << "the memory goes with the message";
+  EXPECT_EQ(0, traced("buffer is 80% full"));
+}
+
+TEST_F(jms, a_payload_as_long_as_what_is_left_writes_out_the_rows_held_back) {
+  max_buffered_jms_bufsize = 4096;
+  const std::string held = put_jms(inst, now, 100);
+  std::string payload = "Header={}Properties={}Text={}";
+  payload.resize(4096 - 100 - 1, '.');
+  csv_dump_jms_data(inst, 81, now * 1000, payload.c_str(), payload.size(), 0);
+  EXPECT_EQ("", current("TQJMS.csv"));
+  const size_t rows = inst->jms_data_buf.len;
+  payload.resize(4096 - rows, '.');
+  csv_dump_jms_data(inst, 81, now * 1000, payload.c_str(), payload.size(), 0);
+  EXPECT_EQ(rows, current("TQJMS.csv").size());
+  EXPECT_EQ(rows - held.size(), inst->jms_data_buf.len);
+}
+
+} // namespace

@@ -1,0 +1,26 @@
+// Lists flowpaths and prints single ones.
+#pragma once
+
+#include "show_files.h"
+
+// Which files are looked at, and which flowpath is wanted.
+struct show_choice {
+  std::string partition, instance; // empty: all of them
+  int64_t flowpath = 0;
+  bool first = false; // the first one that there is
+};
+
+// Calls `use` for each partition and instance of the choice, oldest partition first, until it returns false.
+template <class Use> void show_each_instance(const show_run &run, const show_choice &choice, Use use) {
+  for (const std::string &partition : show_partitions(run))
+    if (choice.partition.empty() || choice.partition == partition)
+      for (const std::string &instance : show_instances(run, partition))
+        if ((choice.instance.empty() || choice.instance == instance) && !use(partition, instance))
+          return;
+}
+
+// Prints one line for each flowpath. 0, or 1 when a row cannot be read.
+int show_list(const show_run &run, const show_choice &choice);
+
+// Prints the chosen flowpath with the call trees of its segments. 0, or 1 when it is not there or not whole.
+int show_one(const show_run &run, const show_choice &choice);
