@@ -1,22 +1,29 @@
 #!/bin/sh
 # Measures tqp against tools that do far less with the same file, in the same run and on the same machine.
 #   run_bench.sh BUILD_DIR [MB] [SCENARIO...]
-# Builds nothing: wants BUILD_DIR/bin/tqp, tq_sample, tqp_measure. MB: megabytes of raw data (100).
-# Scenarios: discovery (the default), skipped. Each one is a function bench_<name> at the end of this file.
+# Builds nothing: wants BUILD_DIR/bin/tqp, tq_sample, tqp_measure, tqp_deflate_floor. MB: megabytes of raw data (100).
+# Scenarios: discovery (the default), skipped, flowpaths, in_flight; all: every one. README.md tells what each one shows.
+# Each one is a function bench_<name> at the end of this file.
 # Speeds are per CPU second (user and system); of three runs the middle one counts.
 set -eu
 export LC_ALL=C
+scenarios='discovery skipped flowpaths in_flight'
 
 if [ $# -lt 1 ]; then
-  sed -n '3,6s/^# *//p' "$0"
+  sed -n '3,5s/^# *//p' "$0"
   exit 1
 fi
 bin=$1/bin
 mb=${2:-100}
 [ $# -gt 2 ] && shift 2 || set -- discovery
 runs='1 2 3'
+# shellcheck disable=SC2086 # one word each
+[ "$*" != all ] || set -- $scenarios
+for scenario in "$@"; do
+  case " $scenarios " in *" $scenario "*) ;; *) echo "There is no scenario $scenario, only: $scenarios" >&2; exit 1 ;; esac
+done
 
-for program in tqp_measure tq_sample; do
+for program in tqp_measure tqp_deflate_floor tq_sample; do
   [ -x "$bin/$program" ] || { echo "$bin/$program is not there; build it first" >&2; exit 1; }
 done
 bin=$(cd "$bin" && pwd)
@@ -25,11 +32,14 @@ trap 'rm -rf "$top"' EXIT
 trap 'exit 1' HUP INT TERM
 cd "$top"
 
-# measure NAME PROGRAM ARGUMENT...: one run, its line "wall cpu maxrss_kb" added to NAME.runs
+# --- runs -------------------------------------------------------------------------------------------------------
+
+# measure NAME PROGRAM ARGUMENT...: one run, its line "wall cpu maxrss_kb" added to NAME.runs. A failed run counts for
+# nothing, not for a fast one.
 measure() {
   name=$1
   shift
-  "$bin/tqp_measure" "$@" >>"$name.runs" || echo "$name: exit status $?" >&2
+  "$bin/tqp_measure" "$@" >>"$name.runs" || { echo "$name: exit status $?" >&2; exit 1; }
 }
 
 # The test run anew, without anything that an earlier run left behind; the raw data itself is not copied.
@@ -44,37 +54,78 @@ run_tqp() {
   measure "$1" "$bin/tqp" -t 1 -W "$top/work" -m 0 -r 0
 }
 
-# row NAME BYTES LINES: the run with the middle CPU time, and the largest peak of all.
+# What zlib alone takes for the blobs that the last run has written, in the form of `measure`.
+run_deflate() {
+  "$bin/tqp_deflate_floor" work/logs/TR1 >floor || { echo "deflate: nothing to deflate" >&2; exit 1; }
+  awk '{ print $1, $1, 0 }' floor >>deflate.runs
+}
+
+# generate NAME OPTION...: a test run of one instance and one partition; sets `file`, its raw data.
+generate() {
+  template=$1
+  shift
+  rm -rf "$template"
+  "$bin/tq_sample" --dir "$template" --testrun 1 --instances 1 --partitions 1 --mb "$mb" "$@"
+  file=$top/$(find "$template" -name '*.txt' -path '*raw_data*')
+}
+
+# --- figures ----------------------------------------------------------------------------------------------------
+
+# row NAME BYTES LINES: the run with the middle CPU time, and the largest peak of all (-: not measured).
 row() {
   sort -n -k2,2 "$1.runs" | awk -v name="$1" -v bytes="$2" -v lines="$3" '
     { cpu[NR] = $2; wall[NR] = $1; if ($3 > peak) peak = $3 }
     END {
       middle = int((NR + 1) / 2)
       seconds = cpu[middle] > 0 ? cpu[middle] : 0.001
-      printf "%-12s %10.1f %14.0f %9.3f %9.3f %9.1f\n", name, bytes / 1e6 / seconds, lines / seconds, cpu[middle], wall[middle], peak / 1024
+      shown = peak > 0 ? sprintf("%.1f", peak / 1024) : "-"
+      printf "%-12s %10.1f %14.0f %9.3f %9.3f %9s\n", name, bytes / 1e6 / seconds, lines / seconds, cpu[middle], wall[middle], shown
     }'
+}
+
+# rows NAME...: of those that were measured over `file`.
+rows() {
+  bytes=$(wc -c <"$file")
+  lines=$(wc -l <"$file")
+  echo "$bytes bytes, $lines lines"
+  printf '%-12s %10s %14s %9s %9s %9s\n' '' 'MB/s' 'lines/s' 'CPU s' 'wall s' 'peak MB'
+  for name in "$@"; do
+    [ ! -f "$name.runs" ] || row "$name" "$bytes" "$lines"
+  done
 }
 
 middle_cpu() { sort -n -k2,2 "$1.runs" | awk '{ cpu[NR] = $2 } END { print cpu[int((NR + 1) / 2)] }'; }
 
-# compare FILE TEMPLATE: wc, mawk and tqp by turns over one file.
+peak_mb() { awk '{ if ($3 > peak) peak = $3 } END { print peak / 1024 }' "$1.runs"; }
+
+# ratio A B: 0 when B is.
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { print (b > 0 ? a / b : 0) }'; }
+
+# bar WHAT FIGURE most|least LIMIT [UNIT]: says whether the figure keeps to its limit; shown again at the end. A figure
+# of 0 was not measured and keeps to nothing.
+bar() {
+  awk -v what="$1" -v figure="$2" -v side="$3" -v limit="$4" -v unit="${5:-}" 'BEGIN {
+    held = figure > 0 && (side == "most" ? figure + 0 <= limit + 0 : figure + 0 >= limit + 0)
+    printf "%-62s %6.2f%s   bar at %s %s%s: %s\n", what, figure, unit, side, limit, unit, held ? "held" : "missed"
+  }' >bar
+  cat bar
+  cat bar >>bars
+}
+
+# --- discovery and skipped --------------------------------------------------------------------------------------
+
+# wc, mawk and tqp by turns over one file.
 compare() {
   rm -f ./*.runs
-  cat "$1" >/dev/null # the page cache is warm for the first one, too
+  cat "$file" >/dev/null # the page cache is warm for the first one, too
   for run in $runs; do
-    measure wc wc -l "$1"
-    [ -z "$mawk" ] || measure mawk mawk -F, '{s+=$3; n+=NF}' "$1"
-    [ -z "$tqp" ] || run_tqp tqp "$2"
+    measure wc wc -l "$file"
+    [ -z "$mawk" ] || measure mawk mawk -F, '{s+=$3; n+=NF}' "$file"
+    [ -z "$tqp" ] || run_tqp tqp "$1"
   done
-  bytes=$(wc -c <"$1")
-  lines=$(wc -l <"$1")
-  echo "$bytes bytes, $lines lines"
-  printf '%-12s %10s %14s %9s %9s %9s\n' '' 'MB/s' 'lines/s' 'CPU s' 'wall s' 'peak MB'
-  for name in wc mawk tqp; do
-    [ ! -f "$name.runs" ] || row "$name" "$bytes" "$lines"
-  done
+  rows wc mawk tqp
   if [ -n "$mawk" ] && [ -n "$tqp" ]; then
-    awk -v m="$(middle_cpu mawk)" -v t="$(middle_cpu tqp)" 'BEGIN { printf "tqp speed / mawk speed: %.2f\n", t > 0 ? m / t : 0 }'
+    printf 'tqp speed / mawk speed: %.2f\n' "$(ratio "$(middle_cpu mawk)" "$(middle_cpu tqp)")"
   fi
 }
 
@@ -90,15 +141,13 @@ empty_run() {
   for run in $runs; do
     run_tqp start-up empty
   done
-  awk '{ if ($3 > peak) peak = $3 } END { printf "start-up and an empty run: %.1f MB\n", peak / 1024 }' start-up.runs
+  printf 'start-up and an empty run: %.1f MB\n' "$(peak_mb start-up)"
 }
 
-# one_instance MIX: generates a test run of one instance and one partition, and measures over its file.
+# one_instance MIX: measures over a file of this mix.
 one_instance() {
-  rm -rf template
-  "$bin/tq_sample" --dir template --testrun 1 --mix "$1" --instances 1 --partitions 1 --mb "$mb"
-  file=$top/$(find template -name '*.txt' -path '*raw_data*')
-  compare "$file" template
+  generate template --mix "$1"
+  compare template
   [ -z "$tqp" ] || what_came_out
   empty_run template
 }
@@ -106,6 +155,110 @@ one_instance() {
 # Shows that the run did its work: the metadata rows that it wrote.
 what_came_out() {
   find work/logs/TR1 -name 'TQMetaData.csv' -exec wc -l {} + | awk 'END { print $1 + 0 " metadata rows came out" }'
+}
+
+# --- flowpaths --------------------------------------------------------------------------------------------------
+
+# generate_flowpaths NAME METHODS FORM IN_FLIGHT. No trace lines: of those that the exit form calls for there are many.
+generate_flowpaths() {
+  generate "$1" --mix all --flowpath-methods "$2" --form "$3" --in-flight "$4" --keywords 'TQP_TRACE_LEVEL 0'
+}
+
+# The same test run with plain texts in the blob file.
+make_plain_template() {
+  rm -rf "$2"
+  cp -al "$1" "$2"
+  conf=$(find "$2" -name TQKeywords.conf)
+  rm "$conf"
+  printf '%s\n' 'TQP_TRACE_LEVEL 0' 'TQP_SEQ_BLOB_IN_FILE_FLAG 1 A' >"$conf"
+}
+
+# The last run's flowpath rows and the methods entered that they tell: "rows methods".
+flowpath_totals() {
+  find work/logs/TR1 -name TQFlowPath.csv -exec cat {} + | awk -F, '{ ++n; s += $16 } END { print n + 0, s + 0 }'
+}
+
+# rates NAME "ROWS METHODS": how much of a flowpath's work goes into a CPU second.
+rates() {
+  echo "$2" | awk -v name="$1" -v made="$(grep -c '^2,' "$file")" -v cpu="$(middle_cpu "$1")" '{
+    printf "%s: %.0f flowpaths/s, %.0f method records/s; %d flowpaths of %d came out, %d method records\n", name, $1 / cpu, $2 / cpu, $1, made, $2
+  }'
+}
+
+flowpath_turns() {
+  rm -f ./*.runs
+  cat "$file" >/dev/null
+  for run in $runs; do
+    measure wc wc -l "$file"
+    [ -z "$mawk" ] || measure mawk mawk -F'[,_]' '{for(i=1;i<=NF;i++) s+=$i} END{print s}' "$file"
+    run_tqp tqp_A plain
+    plain_totals=$(flowpath_totals)
+    run_tqp tqp_B template
+    totals=$(flowpath_totals)
+    run_deflate
+  done
+}
+
+# flowpath_load METHODS FORM: version B beside deflate alone, version A beside mawk, over one file.
+flowpath_load() {
+  echo "-- $1 methods, $2 form"
+  generate_flowpaths template "$1" "$2" 100
+  make_plain_template template plain
+  flowpath_turns
+  rows wc deflate mawk tqp_A tqp_B
+  rates tqp_B "$totals"
+  rates tqp_A "$plain_totals"
+  bar "$1 methods, $2: version B CPU / deflate CPU" "$(ratio "$(middle_cpu tqp_B)" "$(middle_cpu deflate)")" most 1.6
+  [ -z "$mawk" ] ||
+    bar "$1 methods, $2: mawk CPU / version A CPU" "$(ratio "$(middle_cpu mawk)" "$(middle_cpu tqp_A)")" least 1.5
+}
+
+# --- in_flight --------------------------------------------------------------------------------------------------
+
+# Main segments whose header stands in the file and whose result does not yet: the most, and the mean over its lines.
+in_flight_of_file() {
+  awk '{ split(substr($0, 1, 120), f, /[,:]/) }
+    f[1] == 2 { ++open; if (open > most) most = open }
+    f[1] == 4 || (f[1] == 44 && f[3] "" == f[6] "") { --open }
+    { sum += open }
+    END { printf "in flight: %d at most, %.0f in the mean\n", most, sum / NR }' "$1"
+}
+
+# in_flight_row LEVEL BYTES: CPU for a megabyte, also beside the first level's.
+in_flight_row() {
+  per_mb=$(ratio "$(middle_cpu "in_flight_$1")" "$(ratio "$2" 1000000)")
+  [ "$1" != 10 ] || first_per_mb=$per_mb
+  printf '%-10s %12.4f %10.2f %9.1f\n' "$1" "$per_mb" "$(ratio "$per_mb" "$first_per_mb")" "$(peak_mb "in_flight_$1")"
+  [ "$1" = 10 ] || echo "$1 $(ratio "$per_mb" "$first_per_mb")" >>in_flight_ratios
+}
+
+in_flight_table() {
+  rm -f in_flight_ratios
+  printf '%-10s %12s %10s %9s\n' 'in flight' 'CPU s / MB' 'to 10' 'peak MB'
+  for level in $levels; do
+    in_flight_row "$level" "$(find "load_$level" -name '*.txt' -path '*raw_data*' -exec cat {} + | wc -c)"
+  done
+}
+
+# in_flight_form FORM: all levels by turns, so that a change of the machine's speed meets them alike.
+in_flight_form() {
+  echo "-- 100 methods, $1 form"
+  rm -f ./*.runs
+  levels='10 100 1000 5000'
+  for level in $levels; do
+    generate_flowpaths "load_$level" 100 "$1" "$level"
+    in_flight_of_file "$file"
+  done
+  for run in $runs; do
+    for level in $levels; do
+      run_tqp "in_flight_$level" "load_$level"
+    done
+  done
+  in_flight_table
+  while read -r level figure; do
+    bar "$level in flight, $1: CPU for a MB / that of 10 in flight" "$figure" most 1.2
+  done <in_flight_ratios
+  bar "5000 in flight, $1: peak" "$(peak_mb in_flight_5000)" most 150 ' MB'
 }
 
 # --- scenarios --------------------------------------------------------------------------------------------------
@@ -116,6 +269,26 @@ bench_discovery() { one_instance discovery; }
 # Only records that are passed over: what reading and cutting lines costs by itself.
 bench_skipped() { one_instance skipped; }
 
+# Flowpaths of whole agents, short and long ones, in both forms.
+bench_flowpaths() {
+  [ -n "$tqp" ] || return 0
+  for methods in 20 200 2000; do
+    for form in classic exit; do flowpath_load "$methods" "$form"; done
+  done
+}
+
+# What it costs when the records of more flowpaths interleave.
+bench_in_flight() {
+  [ -n "$tqp" ] || return 0
+  asked_mb=$mb
+  if [ "$mb" -lt 100 ]; then
+    echo '100 MB: a smaller file does not keep 5000 flowpaths in flight'
+    mb=100
+  fi
+  for form in classic exit; do in_flight_form "$form"; done
+  mb=$asked_mb
+}
+
 mawk=$(command -v mawk || true)
 [ -n "$mawk" ] || echo 'mawk is not installed; left out'
 tqp=
@@ -124,3 +297,7 @@ for scenario in "$@"; do
   echo "== $scenario, $mb MB"
   "bench_$scenario"
 done
+if [ -f bars ]; then
+  echo '== all bars'
+  cat bars
+fi

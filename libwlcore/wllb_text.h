@@ -23,7 +23,7 @@ inline void wllb_text_room(wllb_text &t, size_t more, const char *label) {
   const size_t needed = t.len + more + 1;
   if (needed <= t.size)
     return;
-  size_t size = t.size < 512 ? 512 : t.size + t.size / 2;
+  size_t size = t.size < 64 ? 128 : t.size + t.size / 2;
   if (size < needed)
     size = needed;
   t.data = static_cast<char *>(wllb_grow_block(t.data, t.size, size, label));

@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install_dependencies.sh
 cmake --preset release -DTQP_TESTS=OFF >/dev/null
-cmake --build --preset release --target tqp tq_sample tqshow
+cmake --build --preset release --target tqp tq_sample tqshow -- --quiet
 bin=$PWD/build/release/bin
 dir=${1:-$PWD/build/try}
 rm -rf "$dir"
@@ -21,17 +21,17 @@ echo; echo "== tqp over it"
 "$bin/tqp" -t $run -W "$dir" -m 0
 
 echo; echo "== what was counted (first instance, first report)"
-grep -v ': 0$' "$(find "$test_run" -name tqp_summary_report.txt | sort | head -1)" | sed '/^$/q'
+grep -v ': 0$' "$(find "$test_run" -name tqp_summary_report.txt | sort | sed -n 1p)" | sed '/^$/q'
 
 echo "== names that got global ids"
 wc -l "$test_run"/tq/csv/*.csv | grep -v ' 0 '
 echo; head -6 "$test_run/tq/csv/TQMetaData.csv"
 
 echo; echo "== flowpaths"
-"$bin/tqshow" --dir "$dir" --testrun $run | head -12
+"$bin/tqshow" --dir "$dir" --testrun $run | sed -n '1,12p'
 
 echo; echo "== one of them as a call tree"
-"$bin/tqshow" --dir "$dir" --testrun $run --first | head -30
+"$bin/tqshow" --dir "$dir" --testrun $run --first | sed -n '1,40p'
 
 echo; echo "== every reference checked"
 "$bin/tqshow" --dir "$dir" --testrun $run --check

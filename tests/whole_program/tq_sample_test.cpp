@@ -81,7 +81,8 @@ struct strict_reader {
   std::map<int64_t, open_segment> segments; // by self
   std::map<int64_t, open_flowpath> flowpaths;
   std::map<int, int64_t> counts; // of records
-  std::string error;             // the first one
+  int64_t first_segment_methods = 0;
+  std::string error; // the first one
 
   void refuse(const std::string &why) {
     if (error.empty())
@@ -138,6 +139,7 @@ void strict_reader::close(const words_t &tuple) {
   want(at->second.stack.empty() && at->second.finished > 0, "methods still open");
   open_flowpath &flowpath = flowpaths[at->second.main];
   flowpath.arrived.insert(at->second.begin_seq);
+  first_segment_methods += at->first == at->second.main ? at->second.finished : 0;
   segments.erase(at);
   if (flowpath.arrived == flowpath.announced && flowpath.async_calls == 0)
     flowpaths.erase(number(tuple[3]));
@@ -378,6 +380,31 @@ TEST_F(tq_sample, sends_only_what_an_agent_may_send) {
   }
   for (const field_count &row : field_counts)
     EXPECT_TRUE(events.count(row.event) > 0 || row.event == 8 || row.event == 85) << row.event << " was never sent";
+}
+
+// From the time when all of them have begun to the time when no further one begins.
+TEST_F(tq_sample, keeps_as_many_flowpaths_in_flight_as_it_is_told) {
+  constexpr int64_t flowpaths = 600, methods = 20, in_flight = 60;
+  for (const std::string form : {"classic", "exit"}) {
+    SCOPED_TRACE(form);
+    ASSERT_EQ(0, run(form, {"--form", form, "--instances", "1", "--partitions", "1", "--flowpaths", "600",
+                            "--flowpath-methods", "20", "--in-flight", "60"})
+                     .exit_status);
+    const std::string bytes = raw_data(form).at("Storefront_web01_shop").at("20260302090000");
+    strict_reader reader;
+    int64_t least = in_flight, most = 0;
+    for (const std::string_view text : cut(std::string_view(bytes).substr(0, bytes.size() - 1), '\n')) {
+      reader.line(text);
+      const auto now = static_cast<int64_t>(reader.flowpaths.size());
+      most = std::max(most, now);
+      if (reader.counts[2] >= in_flight && reader.counts[2] < flowpaths)
+        least = std::min(least, now);
+    }
+    EXPECT_EQ("", reader.error);
+    EXPECT_LE(most, in_flight);
+    EXPECT_GE(least, in_flight * 9 / 10) << "a few have only sent request headers so far";
+    EXPECT_NEAR(static_cast<double>(methods), static_cast<double>(reader.first_segment_methods) / flowpaths, 1.0);
+  }
 }
 
 TEST_F(tq_sample, makes_a_test_run_that_the_partition_reader_knows) {

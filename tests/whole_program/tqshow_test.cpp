@@ -321,6 +321,125 @@ TEST_F(tqshow, needs_a_test_run_and_a_flowpath_that_are_there) {
   EXPECT_EQ("There is no such flowpath\n", words_of({"--dir", directory, "--testrun", "1234", "--flowpath", "80"}));
 }
 
+// --- exceptions -----------------------------------------------------------------------------------------------------------
+
+class tqshow_exceptions : public tqshow {
+protected:
+  const std::string good_rows = "77,3,4,5,1000,1,1,2,42,1,0,1,2,88,2,1\n"
+                                "80,3,4,5,1001,2,1,1,7,0,1,2,-1,0,0,-1\n"
+                                "77,3,4,5,1002,2,0,0,0,1,1,3,1,-1,2,-1\n";
+
+  tqshow_exceptions() {
+    put("tq/csv/TQExceptionClass.csv", "0,-\n1,java.lang.Error\n2,java.sql.SQLException\n");
+    put("tq/csv/TQExceptionThrowingClass.csv", "0,-\n1,com.acme.Cart\n");
+    put("tq/csv/TQExceptionThrowingMethod.csv", "0,-\n1,log\n2,total\n");
+    put("tq/csv/TQExceptionMessage.csv", "0,-\n1,no cart, sorry\n");
+    put("tq/csv/TQExceptionCause.csv", "0,-\n1,timed out\033[31m\n");
+    put("tq/csv/TQExceptionStackTrace.csv",
+        "0,-\n1,at com.acme.Cart.total(Cart.java:42) at com.acme.Shop.pay(Shop.java:7)\n"
+        "2, at a.B.c(B.java)\tat a.B.d(B.java)\n3,java.lang.Error: gone at a.B.c(B.java)\n");
+    put_data("TQExceptions.csv", good_rows);
+    put("20261122110000/tq/csv/Tier_Server_App/TQExceptions.csv", "79,3,4,5,4600,7,8,9,5,10,11,12,13,1,2,14\n");
+    put("20261122110000/tq/csv/Tier_Server_Mail/TQExceptions.csv", "77,3,4,6,4601,1,1,1,100000,0,0,0,-1,0,0,-1\n");
+  }
+
+  std::vector<std::string> flowpaths_of(const std::vector<std::string> &options) const {
+    std::vector<std::string> flowpaths, argv = options;
+    argv.emplace_back("--exceptions");
+    const std::vector<std::string> lines = lines_of(show(argv).output);
+    for (size_t i = 1; i < lines.size(); ++i)
+      flowpaths.push_back(wllb_words(lines[i], 20)[2]);
+    return flowpaths;
+  }
+};
+
+TEST_F(tqshow_exceptions, are_listed_a_line_each) {
+  const std::string list =
+      R"(partition       instance                      flowpath  time (UTC)           exception              thrown at                  message         cause           stack                                 method
+20261122100000  Tier_Server_App                     77  2014-01-01 00:16:40  java.lang.Error        com.acme.Cart.total:42     no cart, sorry  -               at com.acme.Cart.total(Cart.java:42)  com.acme.Cart.sum(I)I:88, backend type 2, sql "select total from cart"
+20261122100000  Tier_Server_App                     80  2014-01-01 00:16:41  java.sql.SQLException  com.acme.Cart.log:7        -               timed out?[31m  at a.B.c(B.java)                      -
+20261122100000  Tier_Server_App                     77  2014-01-01 00:16:42  java.sql.SQLException  -.-:0                      no cart, sorry  timed out?[31m  java.lang.Error: gone                 com.acme.Shop.pay()V:-1, backend type 2
+20261122110000  Tier_Server_App                     79  2014-01-01 01:16:40  #7                     #8.#9:5                    #10             #11             #12                                   #13:1, backend type 2, sql "#14"
+20261122110000  Tier_Server_Mail                    77  2014-01-01 01:16:41  java.lang.Error        com.acme.Cart.log:100000   -               -               -                                     -
+)";
+  const program_end all = show({"--exceptions"});
+  EXPECT_EQ(0, all.exit_status);
+  EXPECT_EQ(list, all.output);
+  using names = std::vector<std::string>;
+  EXPECT_EQ((names{"79", "77"}), flowpaths_of({"--partition", "20261122110000"}));
+  EXPECT_EQ((names{"77"}), flowpaths_of({"--instance", "Tier_Server_Mail"}));
+  EXPECT_EQ(names(), flowpaths_of({"--instance", "Tier_Server_Mail", "--partition", "20261122100000"}));
+}
+
+TEST_F(tqshow_exceptions, stand_below_the_call_trees_of_their_flowpath) {
+  const auto times_of = [this](const std::vector<std::string> &options) {
+    std::vector<std::string> times;
+    const std::string text = show(options).output;
+    const std::string heading = "\n\nexceptions\ntime (UTC)";
+    if (const size_t at = text.find(heading); at != std::string::npos)
+      for (const std::string &line : lines_of(text.substr(text.find('\n', at + heading.size()) + 1)))
+        times.push_back(wllb_words(line, 20)[1]);
+    return times;
+  };
+  using times = std::vector<std::string>;
+  EXPECT_EQ((times{"00:16:40", "00:16:42", "01:16:41"}), times_of({"--flowpath", "77"}));
+  EXPECT_EQ((times{"00:16:40", "00:16:42", "01:16:41"}), times_of({"--first"}));
+  EXPECT_EQ((times{"00:16:40", "00:16:42"}), times_of({"--flowpath", "77", "--instance", "Tier_Server_App"}));
+  EXPECT_EQ((times{"01:16:40"}), times_of({"--flowpath", "79"}));
+  EXPECT_EQ(times(), times_of({"--flowpath", "79", "--partition", "20261122100000"}));
+}
+
+// Damaged rows are told where they stand, the good ones around them are listed, and no flowpath minds them.
+TEST_F(tqshow_exceptions, bear_damaged_rows) {
+  struct case_t {
+    std::string row;
+    const char *words; // null: it is listed
+  };
+
+  const std::string huge(70000, '9'), most = "9223372036854775807", least = "-9223372036854775808";
+  const char *no_columns = "the row has not 16 columns",
+             *no_number = "a column that should be a number is none, or has no room in 64 bits";
+  const case_t cases[] = {
+      {"", no_columns},
+      {"77", no_columns},
+      {"77,3,4,5,1000,1,1,2,42,1,0,1,2,88,2", no_columns},
+      {"77,3,4,5,1000,1,1,2,42,1,0,1,2,88,2,1,", no_columns},
+      {std::string(70000, ','), no_columns},
+      {",,,,,,,,,,,,,,,", no_number},
+      {"77,3,4,5,1000,1,1,2,42,1,0,x,2,88,2,1", no_number},
+      {"77,3,4,5," + huge + ",1,1,2,42,1,0,1,2,88,2,1", no_number},
+      {"77,3,4,5,1000,9223372036854775808,1,2,42,1,0,1,2,88,2,1", no_number},
+      {"77,3,4,5,1000,1,1,2,42,1,0,1,2,88,2,1" + std::string(1, '\0'), no_number},
+      {line_of(16, {{5, most}, {6, most}, {7, most}, {8, most}, {9, most}, {13, most}, {15, "2"}, {16, most}}),
+       nullptr},
+      {line_of(16, {{5, least}, {6, least}, {10, least}, {11, least}, {12, least}, {13, least}, {14, least}}), nullptr},
+      {line_of(16, {{5, std::string(70000, '0') + "9"}, {9, std::string(70000, '0')}}), nullptr},
+  };
+  const size_t lines_of_77 = lines_of(show({"--flowpath", "77"}).output).size();
+  for (const case_t &c : cases) {
+    SCOPED_TRACE(c.row.substr(0, 60));
+    put_data("TQExceptions.csv", good_rows + c.row + "\n" + good_rows);
+    const program_end end = show({"--exceptions"});
+    EXPECT_EQ(c.words ? 1 : 0, end.exit_status);
+    const std::vector<std::string> lines = lines_of(end.output);
+    ASSERT_EQ(10U, lines.size());
+    if (c.words) {
+      EXPECT_EQ(path(data_name("TQExceptions.csv")) + " line 4: " + c.words, lines[4]);
+    }
+    EXPECT_EQ(lines[1], lines[5]);
+    EXPECT_EQ(lines_of_77 + 2, lines_of(show({"--flowpath", "77"}).output).size());
+  }
+}
+
+TEST_F(tqshow_exceptions, bear_rows_cut_anywhere) {
+  const size_t row_end = good_rows.find('\n') + 1;
+  for (size_t cut = 0; cut <= row_end; ++cut) {
+    SCOPED_TRACE(cut);
+    put_data("TQExceptions.csv", good_rows.substr(0, cut));
+    EXPECT_EQ(cut == 0 || cut == row_end ? 0 : 1, show({"--exceptions"}).exit_status);
+  }
+}
+
 // --- the check ------------------------------------------------------------------------------------------------------------
 
 TEST_F(tqshow, finds_no_fault_in_a_good_test_run) {

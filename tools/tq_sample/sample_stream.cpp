@@ -114,33 +114,27 @@ static sample_call own_call(sample_stream_t &stream) {
   return call;
 }
 
-static void begin_flowpaths(sample_stream_t &stream) {
-  while (stream.in_flight.size() < stream.load->in_flight) {
-    sample_call call;
-    if (!stream.waiting.empty()) {
-      call = std::move(stream.waiting.front());
-      stream.waiting.pop_front();
-    } else if (may_begin(stream)) {
-      ++stream.begun;
-      run_clock(stream);
-      call = own_call(stream);
-    } else {
-      return;
-    }
-    stream.in_flight.push_back(sample_make_flowpath(stream, call));
-    stream.planned += static_cast<int64_t>(stream.in_flight.back().bytes.size());
+// Begins one more flowpath, behind the others. False: as many as were asked for are in flight, or the limits are reached.
+static bool begin_flowpath(sample_stream_t &stream) {
+  if (stream.in_flight.size() >= stream.load->in_flight)
+    return false;
+  sample_call call;
+  if (!stream.waiting.empty()) {
+    call = std::move(stream.waiting.front());
+    stream.waiting.pop_front();
+  } else if (may_begin(stream)) {
+    ++stream.begun;
+    run_clock(stream);
+    call = own_call(stream);
+  } else {
+    return false;
   }
+  stream.in_flight.push_back(sample_make_flowpath(stream, call));
+  stream.planned += static_cast<int64_t>(stream.in_flight.back().bytes.size());
+  return true;
 }
 
-static bool next_flowpath_record(sample_stream_t &stream) {
-  begin_flowpaths(stream);
-  if (stream.in_flight.empty())
-    return false;
-  if (stream.random.chance(2)) { // what monitors report in between
-    sample_put_skipped(stream.out, stream.random, sample_any_skipped_event(stream.random), stream.now_ms);
-    return true;
-  }
-  const size_t which = stream.random.below(static_cast<uint32_t>(stream.in_flight.size()));
+static void put_record_of_flowpath(sample_stream_t &stream, size_t which) {
   sample_plan &plan = stream.in_flight[which];
   const size_t begin = plan.next == 0 ? 0 : plan.ends[plan.next - 1];
   const size_t length = plan.ends[plan.next] - begin;
@@ -151,6 +145,20 @@ static bool next_flowpath_record(sample_stream_t &stream) {
     std::swap(plan, stream.in_flight.back());
     stream.in_flight.pop_back();
   }
+}
+
+// A new flowpath's first record goes out at once: for a reader, too, it is in flight from now on.
+static bool next_flowpath_record(sample_stream_t &stream) {
+  if (begin_flowpath(stream)) {
+    put_record_of_flowpath(stream, stream.in_flight.size() - 1);
+    return true;
+  }
+  if (stream.in_flight.empty())
+    return false;
+  if (stream.random.chance(2)) // what monitors report in between
+    sample_put_skipped(stream.out, stream.random, sample_any_skipped_event(stream.random), stream.now_ms);
+  else
+    put_record_of_flowpath(stream, stream.random.below(static_cast<uint32_t>(stream.in_flight.size())));
   return true;
 }
 

@@ -1,10 +1,11 @@
-// Lists flowpaths, and prints one with its segments.
+// Lists flowpaths, and prints one with its segments and exceptions.
 //   In      TQFlowPath.csv, the sequence blob file its rows point into, names
 //   Out     lines on standard output
 //   Thread  one
 //   Failure what cannot be read is told in its place, the rest goes on; the exit status is 1 then
 #include "show_flowpath.h"
 
+#include "show_exceptions.h"
 #include "show_tree.h"
 
 #include <algorithm>
@@ -26,13 +27,13 @@ static const char *read_list(const show_run &run, const show_row &row, std::stri
 
 // --- the list of flowpaths ----------------------------------------------------------------------------------------
 
-static size_t widest_instance(const show_run &run, const show_choice &choice) {
+int show_instance_width(const show_run &run, const show_choice &choice) {
   size_t width = std::string_view("instance").size();
   show_each_instance(run, choice, [&](const std::string &, const std::string &instance) {
     width = std::max(width, instance.size());
     return true;
   });
-  return std::min<size_t>(width, 40);
+  return static_cast<int>(std::min<size_t>(width, 40));
 }
 
 static std::string segment_count(const show_run &run, const show_row &row) {
@@ -56,14 +57,14 @@ static void print_flowpath_line(const show_run &run, const show_names &names, co
          show_printable(row[ROW_CORRELATION], 255).c_str());
 }
 
-static void tell_bad_row(const std::string &path, const show_lines &lines, const char *words) {
+void show_tell_bad_row(const std::string &path, const show_lines &lines, const char *words) {
   printf("%s line %lld: %s\n", path.c_str(), static_cast<long long>(lines.number), words);
 }
 
 int show_list(const show_run &run, const show_choice &choice) {
   show_names names;
   show_load_names(run, 1U << KIND_URL, true, &names, nullptr);
-  const int width = static_cast<int>(widest_instance(run, choice));
+  const int width = show_instance_width(run, choice);
   printf("%-14s  %-*s  %20s  %-19s  %9s  %6s  %5s  %8s  %8s  %-40s  %s\n", "partition", width, "instance", "flowpath",
          "start (UTC)", "ms", "status", "parts", "methods", "callouts", "url", "correlation id");
   int result = 0;
@@ -73,7 +74,7 @@ int show_list(const show_run &run, const show_choice &choice) {
     for (std::string_view line; lines.next(&line);) {
       show_row row;
       if (const char *words = show_split_row(line, &row)) {
-        tell_bad_row(path, lines, words);
+        show_tell_bad_row(path, lines, words);
         result = 1;
       } else {
         print_flowpath_line(run, names, partition, instance, width, row);
@@ -170,6 +171,7 @@ static bool print_flowpath(const printed_row &p) {
 int show_one(const show_run &run, const show_choice &choice) {
   show_names names;
   show_load_names(run, show_tree_kinds | 1U << KIND_URL, true, &names, nullptr);
+  int64_t flowpath = choice.flowpath;
   int found = 0;
   bool good = true;
   show_each_instance(run, choice, [&](const std::string &partition, const std::string &instance) {
@@ -180,11 +182,14 @@ int show_one(const show_run &run, const show_choice &choice) {
         continue;
       if (found++ > 0)
         printf("\n");
+      flowpath = row.number(ROW_FPI);
       good = print_flowpath({run, names, partition, instance, row}) && good;
     }
     return !(choice.first && found > 0);
   });
-  if (found == 0)
+  if (found > 0)
+    show_exceptions_of(run, choice, flowpath);
+  else
     fputs("There is no such flowpath\n", stderr);
   return found > 0 && good ? 0 : 1;
 }

@@ -19,8 +19,14 @@ template <class Use> void show_each_instance(const show_run &run, const show_cho
           return;
 }
 
+// How wide the column of instances is in a list.
+int show_instance_width(const show_run &run, const show_choice &choice);
+
+// Prints what is wrong with the line that was read last, in its place in a list.
+void show_tell_bad_row(const std::string &path, const show_lines &lines, const char *words);
+
 // Prints one line for each flowpath. 0, or 1 when a row cannot be read.
 int show_list(const show_run &run, const show_choice &choice);
 
-// Prints the chosen flowpath with the call trees of its segments. 0, or 1 when it is not there or not whole.
+// Prints the chosen flowpath with its call trees and exceptions. 0, or 1 when it is not there or not whole.
 int show_one(const show_run &run, const show_choice &choice);

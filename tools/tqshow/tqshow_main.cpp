@@ -1,9 +1,10 @@
-// tqshow: reads a test run's output as a loader would: lists flowpaths, prints their call trees, checks every reference.
+// tqshow: reads a test run as a loader would: lists flowpaths and exceptions, prints call trees, checks every reference.
 //   In      the command line; the files that the daemon has written, also while it runs
 //   Out     text on standard output
 //   Thread  one
 //   Failure exit status 1: a line on standard error for the command line, or what is wrong with the files, on standard output
 #include "show_check.h"
+#include "show_exceptions.h"
 #include "show_flowpath.h"
 
 #include "wllb_alloc.h"
@@ -17,7 +18,8 @@ static const char usage_text[] =
     "  lists the flowpaths of the test run WORKDIR/logs/TR<N>, a line each\n"
     "\n"
     "  --first            prints the first flowpath instead, with the call trees of its segments\n"
-    "  --flowpath FPI     prints this flowpath\n"
+    "  --flowpath FPI     prints this flowpath, below its call trees its exceptions\n"
+    "  --exceptions       lists the exceptions instead, a line each\n"
     "  --check            checks every reference between the files: exit status 0 and one line of totals, or\n"
     "                     exit status 1 and what is wrong (texts that inflate to more than 1 GiB count as damaged)\n"
     "  --partition P      looks at this partition only (YYYYMMDDHHMMSS)\n"
@@ -27,7 +29,7 @@ static const char usage_text[] =
 struct command_line {
   std::string dir;
   int64_t testrun = -1;
-  bool check = false, one = false;
+  bool check = false, one = false, exceptions = false;
   show_choice choice;
 };
 
@@ -38,18 +40,29 @@ static bool take_number(const char *name, const char *text, int64_t min, int64_t
   return false;
 }
 
-enum option_id { OPT_DIR = 1, OPT_TESTRUN, OPT_PARTITION, OPT_INSTANCE, OPT_FIRST, OPT_FLOWPATH, OPT_CHECK, OPT_HELP };
+enum option_id {
+  OPT_DIR = 1,
+  OPT_TESTRUN,
+  OPT_PARTITION,
+  OPT_INSTANCE,
+  OPT_FIRST,
+  OPT_FLOWPATH,
+  OPT_EXCEPTIONS,
+  OPT_CHECK,
+  OPT_HELP
+};
 
 static constexpr option options[] = {
     // clang-format off
-  {"dir",       required_argument, nullptr, OPT_DIR},
-  {"testrun",   required_argument, nullptr, OPT_TESTRUN},
-  {"partition", required_argument, nullptr, OPT_PARTITION},
-  {"instance",  required_argument, nullptr, OPT_INSTANCE},
-  {"first",     no_argument,       nullptr, OPT_FIRST},
-  {"flowpath",  required_argument, nullptr, OPT_FLOWPATH},
-  {"check",     no_argument,       nullptr, OPT_CHECK},
-  {"help",      no_argument,       nullptr, OPT_HELP},
+  {"dir",        required_argument, nullptr, OPT_DIR},
+  {"testrun",    required_argument, nullptr, OPT_TESTRUN},
+  {"partition",  required_argument, nullptr, OPT_PARTITION},
+  {"instance",   required_argument, nullptr, OPT_INSTANCE},
+  {"first",      no_argument,       nullptr, OPT_FIRST},
+  {"flowpath",   required_argument, nullptr, OPT_FLOWPATH},
+  {"exceptions", no_argument,       nullptr, OPT_EXCEPTIONS},
+  {"check",      no_argument,       nullptr, OPT_CHECK},
+  {"help",       no_argument,       nullptr, OPT_HELP},
   {},
 }; // clang-format on
 
@@ -72,6 +85,9 @@ static bool take_option(command_line &line, int id) {
   case OPT_FLOWPATH:
     line.one = true;
     return take_number("flowpath", optarg, INT64_MIN, INT64_MAX, &line.choice.flowpath);
+  case OPT_EXCEPTIONS:
+    line.exceptions = true;
+    return true;
   case OPT_CHECK:
     line.check = true;
     return true;
@@ -109,5 +125,7 @@ int main(int argc, char **argv) {
   }
   if (line.check)
     return show_check(run, line.choice);
-  return line.one ? show_one(run, line.choice) : show_list(run, line.choice);
+  if (line.one)
+    return show_one(run, line.choice);
+  return line.exceptions ? show_exceptions(run, line.choice) : show_list(run, line.choice);
 }

@@ -52,18 +52,18 @@ struct children_time_t {
   int64_t time, cpu_time, wait_time, sync_time, io_time, susp_time;
 };
 
-// One method in one segment.
+// One method in one segment. What every call adds to stands first, in one cache line's worth of bytes.
 struct mtarray_t {
   int32_t method_id; // norm id
   int32_t count;
   int64_t starttime, endtime; // ms, earliest and latest
+  int64_t min, max;           // self time; 0: not set
   int64_t cum_wall_time, cum_self_time;
   int64_t cum_cpu_time, cum_cpu_self_time;
   int64_t cum_wait_time, cum_wait_self_time;
   int64_t cum_sync_time, cum_sync_self_time;
   int64_t cum_io_time, cum_io_self_time;
   int64_t cum_suspension_time, cum_suspension_self_time;
-  int64_t min, max; // self time; 0: not set
 };
 
 // One query in one segment.

@@ -45,24 +45,24 @@ static mtarray_t &entry_of(segment_fp_t *segment, int32_t method_id) {
   return fresh;
 }
 
-static void add_amounts(mtarray_t &sum, const method_amounts &amounts) {
-  add(sum.cum_wall_time, amounts.wall);
-  add(sum.cum_self_time, amounts.self);
-  add(sum.cum_cpu_time, amounts.cpu);
-  add(sum.cum_cpu_self_time, amounts.cpu_self);
-  add(sum.cum_wait_time, amounts.wait);
-  add(sum.cum_wait_self_time, amounts.wait_self);
-  add(sum.cum_sync_time, amounts.sync);
-  add(sum.cum_sync_self_time, amounts.sync_self);
-  add(sum.cum_io_time, amounts.io);
-  add(sum.cum_io_self_time, amounts.io_self);
-  add(sum.cum_suspension_time, amounts.suspension);
-  add(sum.cum_suspension_self_time, amounts.suspension_self);
+// Most calls wait for nothing: what stays 0 is not touched, since the entry is rarely in a near cache.
+static void add_pair(int64_t &total, int64_t &own, int64_t amount, int64_t own_amount) {
+  if ((amount | own_amount) != 0) {
+    add(total, amount);
+    add(own, own_amount);
+  }
 }
 
-void tq_update_mtarray(segment_fp_t *segment, int32_t method_id, const method_amounts &amounts, int64_t time) {
-  if (!segment)
-    return;
+static void add_amounts(mtarray_t &sum, const method_amounts &amounts) {
+  add_pair(sum.cum_wall_time, sum.cum_self_time, amounts.wall, amounts.self);
+  add_pair(sum.cum_cpu_time, sum.cum_cpu_self_time, amounts.cpu, amounts.cpu_self);
+  add_pair(sum.cum_wait_time, sum.cum_wait_self_time, amounts.wait, amounts.wait_self);
+  add_pair(sum.cum_sync_time, sum.cum_sync_self_time, amounts.sync, amounts.sync_self);
+  add_pair(sum.cum_io_time, sum.cum_io_self_time, amounts.io, amounts.io_self);
+  add_pair(sum.cum_suspension_time, sum.cum_suspension_self_time, amounts.suspension, amounts.suspension_self);
+}
+
+static void add_call(segment_fp_t *segment, int32_t method_id, const method_amounts &amounts, int64_t time) {
   mtarray_t &sum = entry_of(segment, method_id);
   add_amounts(sum, amounts);
   ++sum.count;
@@ -74,6 +74,51 @@ void tq_update_mtarray(segment_fp_t *segment, int32_t method_id, const method_am
     sum.starttime = std::max(static_cast<int64_t>(segment->begin_ts * 1000), time);
   if (sum.endtime == 0 || time > sum.endtime)
     sum.endtime = time;
+}
+
+// --- calls collected ------------------------------------------------------------------------------------------------
+
+constexpr int most_collected = 24;
+
+struct method_call {
+  int32_t method_id;
+  int64_t time;
+  method_amounts amounts;
+};
+
+// Of one segment, in the order in which they came.
+struct method_calls {
+  segment_fp_t *segment;
+  int used;
+  method_call calls[most_collected];
+};
+
+static thread_local method_calls collected;
+
+void tqp_collect_method_call(segment_fp_t *segment, int32_t method_id, const method_amounts &amounts, int64_t time) {
+  if (collected.used == most_collected || collected.segment != segment)
+    tqp_settle_method_calls();
+  collected.segment = segment;
+  id_index_prefetch_place(segment->mta_index, method_id);
+  collected.calls[collected.used++] = {method_id, time, amounts};
+}
+
+void tqp_settle_method_calls() {
+  const int count = collected.used;
+  collected.used = 0;
+  segment_fp_t *segment = collected.segment;
+  for (int i = 0; i < count; ++i)
+    id_index_prefetch_entry(segment->mta_index, collected.calls[i].method_id, segment->mtarray.data);
+  for (int i = 0; i < count; ++i)
+    add_call(segment, collected.calls[i].method_id, collected.calls[i].amounts, collected.calls[i].time);
+}
+
+void tq_update_mtarray(segment_fp_t *segment, int32_t method_id, const method_amounts &amounts, int64_t time) {
+  if (!segment)
+    return;
+  if (collected.used != 0)
+    tqp_settle_method_calls(); // rows stand in the order in which methods were met
+  add_call(segment, method_id, amounts, time);
 }
 
 static void clear_method_sums(segment_fp_t *segment) {

@@ -18,14 +18,10 @@ struct method_amounts {
 // Adds a call that ended at `time` (ms).
 void tq_update_mtarray(segment_fp_t *segment, int32_t method_id, const method_amounts &amounts, int64_t time);
 
-// A method of the segment has begun, its end is being read: hints that its sum will be needed.
-inline void tqp_method_sum_will_be_needed(const segment_fp_t *segment, int32_t method_id) {
-  id_index_prefetch_place(segment->mta_index, method_id);
-}
-
-inline void tqp_method_sum_is_needed_soon(const segment_fp_t *segment, int32_t method_id) {
-  id_index_prefetch_entry(segment->mta_index, method_id, segment->mtarray.data);
-}
+// The same a little later: calls are collected and settled some at a time, so that the memory of their sums, far away with
+// thousands of segments in flight, is fetched for all of them at once. Whoever collects settles before the segment can go.
+void tqp_collect_method_call(segment_fp_t *segment, int32_t method_id, const method_amounts &amounts, int64_t time);
+void tqp_settle_method_calls();
 
 // Writes the segment's rows, each by its own end time, and clears the sums.
 void csv_dump_method_timing(tqp_instance_t *inst, const concurrent_flowpath_t *fp, segment_fp_t *segment);

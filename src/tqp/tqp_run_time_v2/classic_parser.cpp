@@ -287,7 +287,6 @@ static int32_t next_seq_num(segment_fp_t *segment) {
 static int run_entry(classic_run *run, classic_method *m) {
   blob_reader *const r = run->r;
   segment_fp_t *const segment = r->segment;
-  tqp_method_sum_will_be_needed(segment, m->norm_method_id);
   segment->seq_blob_start = 1;
   ++segment->entry_methods_count;
   ++segment->entry_exit_methods_count;
@@ -385,7 +384,7 @@ static void run_times_of_exit(blob_reader *r, const classic_method &m, const met
       tqp_self_time(t.io, row.io_children_time),     tqp_self_time(t.suspension, row.suspension_children_time)};
   tqp_dump_argument(r->inst, r->segment, row, own);
   const int64_t begin_ms = static_cast<int64_t>(r->segment->begin_ts * 1000);
-  tq_update_mtarray(
+  tqp_collect_method_call(
       r->segment, m.norm_method_id,
       {wall, own.wall, t.cpu, own.cpu, t.wait, own.wait, t.sync, own.sync, t.io, own.io, t.suspension, own.suspension},
       tqp_wrap_sum(begin_ms, tqp_wrap_sum(row.time_stamp, wall)));
@@ -395,7 +394,6 @@ static int run_exit(classic_run *run, classic_method *m) {
   blob_reader *const r = run->r;
   segment_fp_t *const segment = r->segment;
   ++segment->entry_exit_methods_count;
-  tqp_method_sum_is_needed_soon(segment, m->norm_method_id);
   if (const int result = read_exit_fields(r, m); result != GO_ON)
     return result;
   m->times.wall = run->rel_time;
@@ -452,7 +450,7 @@ static bool go_behind_method(const classic_run &run, const classic_method &m) {
   return true;
 }
 
-int process_seq_blob_from_bci(blob_reader *r) {
+static int run_piece(blob_reader *r) {
   classic_run run = {r, 0};
   if (r->segment->seq_blob.len != 0 && !at_end(r))
     tqp_put_token_separator(r->segment);
@@ -473,4 +471,10 @@ int process_seq_blob_from_bci(blob_reader *r) {
       return 0;
   }
   return 0;
+}
+
+int process_seq_blob_from_bci(blob_reader *r) {
+  const int result = run_piece(r);
+  tqp_settle_method_calls();
+  return result;
 }

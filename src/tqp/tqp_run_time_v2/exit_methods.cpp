@@ -114,8 +114,8 @@ int tqp_manage_ctarray(tqp_instance_t *inst, segment_fp_t *segment, const finish
   method_call_stack_t &exit_row = stack.data[stack.used];
   fill_exit_row(exit_row, m);
   // The time leaves out when the method began; rows have always been stamped so.
-  tq_update_mtarray(segment, m.method_id, amounts,
-                    tqp_wrap_sum(m.times.wall, static_cast<int64_t>(segment->begin_ts * 1000)));
+  tqp_collect_method_call(segment, m.method_id, amounts,
+                          tqp_wrap_sum(m.times.wall, static_cast<int64_t>(segment->begin_ts * 1000)));
   tqp_dump_argument(inst, segment, exit_row, {tqp_wrap_less(m.times.wall, exit_row.children_time), 0, 0, 0, 0, 0});
   ++stack.used;
   children = {};

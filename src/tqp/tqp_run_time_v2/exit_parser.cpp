@@ -8,6 +8,7 @@
 
 #include "blob_fields.h"
 #include "classic_form.h"
+#include "tqp_method_timing.h"
 
 #include <type_traits>
 
@@ -169,7 +170,7 @@ static char *find_byte(char *from, const char *end, char c) {
   return from < end ? static_cast<char *>(memchr(from, c, static_cast<size_t>(end - from))) : nullptr;
 }
 
-int process_seq_blob_from_bci_ex(blob_reader *r) {
+static int run_piece(blob_reader *r) {
   const char *const zero = find_byte(r->pos, r->end, 0);
   const char *const text_end = zero ? zero : r->end;
   while (char *const bar = find_byte(r->pos, text_end, '|')) {
@@ -183,4 +184,10 @@ int process_seq_blob_from_bci_ex(blob_reader *r) {
     r->pos = bar + 1;
   }
   return 0;
+}
+
+int process_seq_blob_from_bci_ex(blob_reader *r) {
+  const int result = run_piece(r);
+  tqp_settle_method_calls();
+  return result;
 }
