@@ -2,7 +2,7 @@
 # Measures tqp against tools that do far less with the same file, in the same run and on the same machine.
 #   run_bench.sh BUILD_DIR [MB] [SCENARIO...]
 # Builds nothing: wants BUILD_DIR/bin/tqp, tq_sample, tqp_measure, tqp_deflate_floor. MB: megabytes of raw data (100).
-# Scenarios: discovery (the default), skipped, flowpaths, in_flight; all: every one. README.md tells what each one shows.
+# Scenarios: discovery (the default), skipped, flowpaths, in_flight; all: every one. README.md tells what each shows.
 # Each one is a function bench_<name> at the end of this file.
 # Speeds are per CPU second (user and system); of three runs the middle one counts.
 set -eu
@@ -20,7 +20,10 @@ runs='1 2 3'
 # shellcheck disable=SC2086 # one word each
 [ "$*" != all ] || set -- $scenarios
 for scenario in "$@"; do
-  case " $scenarios " in *" $scenario "*) ;; *) echo "There is no scenario $scenario, only: $scenarios" >&2; exit 1 ;; esac
+  case " $scenarios " in
+    *" $scenario "*) ;;
+    *) echo "There is no scenario $scenario, only: $scenarios" >&2; exit 1 ;;
+  esac
 done
 
 for program in tqp_measure tqp_deflate_floor tq_sample; do
@@ -54,10 +57,10 @@ run_tqp() {
   measure "$1" "$bin/tqp" -t 1 -W "$top/work" -m 0 -r 0
 }
 
-# What zlib alone takes for the blobs that the last run has written, in the form of `measure`.
+# run_deflate NAME: what zlib alone takes for what the last run has deflated, in the form of `measure`.
 run_deflate() {
-  "$bin/tqp_deflate_floor" work/logs/TR1 >floor || { echo "deflate: nothing to deflate" >&2; exit 1; }
-  awk '{ print $1, $1, 0 }' floor >>deflate.runs
+  "$bin/tqp_deflate_floor" work/logs/TR1 >floor || { echo "$1: nothing to deflate" >&2; exit 1; }
+  awk '{ print $1, $1, 0 }' floor >>"$1.runs"
 }
 
 # generate NAME OPTION...: a test run of one instance and one partition; sets `file`, its raw data.
@@ -181,7 +184,8 @@ flowpath_totals() {
 # rates NAME "ROWS METHODS": how much of a flowpath's work goes into a CPU second.
 rates() {
   echo "$2" | awk -v name="$1" -v made="$(grep -c '^2,' "$file")" -v cpu="$(middle_cpu "$1")" '{
-    printf "%s: %.0f flowpaths/s, %.0f method records/s; %d flowpaths of %d came out, %d method records\n", name, $1 / cpu, $2 / cpu, $1, made, $2
+    printf "%s: %.0f flowpaths/s, %.0f method records/s; ", name, $1 / cpu, $2 / cpu
+    printf "%d flowpaths of %d came out, %d method records\n", $1, made, $2
   }'
 }
 
@@ -193,9 +197,10 @@ flowpath_turns() {
     [ -z "$mawk" ] || measure mawk mawk -F'[,_]' '{for(i=1;i<=NF;i++) s+=$i} END{print s}' "$file"
     run_tqp tqp_A plain
     plain_totals=$(flowpath_totals)
+    run_deflate deflate_A # the lists of segments: they are compressed in every version
     run_tqp tqp_B template
     totals=$(flowpath_totals)
-    run_deflate
+    run_deflate deflate_B
   done
 }
 
@@ -205,23 +210,30 @@ flowpath_load() {
   generate_flowpaths template "$1" "$2" 100
   make_plain_template template plain
   flowpath_turns
-  rows wc deflate mawk tqp_A tqp_B
+  rows wc deflate_B tqp_B mawk deflate_A tqp_A
   rates tqp_B "$totals"
   rates tqp_A "$plain_totals"
-  bar "$1 methods, $2: version B CPU / deflate CPU" "$(ratio "$(middle_cpu tqp_B)" "$(middle_cpu deflate)")" most 1.6
+  bar "$1 methods, $2: version B CPU / deflate CPU" "$(ratio "$(middle_cpu tqp_B)" "$(middle_cpu deflate_B)")" most 1.6
   [ -z "$mawk" ] ||
     bar "$1 methods, $2: mawk CPU / version A CPU" "$(ratio "$(middle_cpu mawk)" "$(middle_cpu tqp_A)")" least 1.5
 }
 
 # --- in_flight --------------------------------------------------------------------------------------------------
 
-# Main segments whose header stands in the file and whose result does not yet: the most, and the mean over its lines.
+# Flowpaths of which a record stands in the file and another is still to come: the most, and the mean over its lines.
 in_flight_of_file() {
-  awk '{ split(substr($0, 1, 120), f, /[,:]/) }
-    f[1] == 2 { ++open; if (open > most) most = open }
-    f[1] == 4 || (f[1] == 44 && f[3] "" == f[6] "") { --open }
-    { sum += open }
-    END { printf "in flight: %d at most, %.0f in the mean\n", most, sum / NR }' "$1"
+  awk '
+    BEGIN { # the event, and the word that names the flowpath
+      split("2 5 3 5 4 5 43 6 44 6 80 6 82 6 83 7 84 7", pair, " ")
+      for (i = 1; i < 18; i += 2) main_at[pair[i]] = pair[i + 1]
+    }
+    { split(substr($0, 1, 120), f, /[,:]/) }
+    f[1] in main_at { main = f[main_at[f[1]]]; if (!(main in last)) ++begun[NR]; last[main] = NR }
+    END {
+      for (main in last) ++ended[last[main]]
+      for (n = 1; n <= NR; ++n) { open += begun[n]; sum += open; if (open > most) most = open; open -= ended[n] }
+      printf "in flight: %d at most, %.0f in the mean\n", most, sum / NR
+    }' "$1"
 }
 
 # in_flight_row LEVEL BYTES: CPU for a megabyte, also beside the first level's.

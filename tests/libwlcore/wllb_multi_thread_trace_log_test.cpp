@@ -4,14 +4,11 @@
 #include "wllb_test_dir.h"
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <fcntl.h>
-#include <string>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 static const std::string header = "#TimeStamp|Thread Name|Src file name|Line number|Function|Severity|Message";
 static const std::string front = "\n11/02/26 01:03:05|tier_server_app|file.cpp|7|func|Info|";
@@ -19,12 +16,7 @@ static const std::string front = "\n11/02/26 01:03:05|tier_server_app|file.cpp|7
 // 2 November 2026, 01:03:05 local time.
 static int64_t fixed_clock() {
   tm when = {};
-  when.tm_year = 126;
-  when.tm_mon = 10;
-  when.tm_mday = 2;
-  when.tm_hour = 1;
-  when.tm_min = 3;
-  when.tm_sec = 5;
+  strptime("2026-11-02 01:03:05", "%Y-%m-%d %H:%M:%S", &when);
   when.tm_isdst = -1;
   static const int64_t ms = static_cast<int64_t>(mktime(&when)) * 1000 + 999;
   return ms;
@@ -84,23 +76,10 @@ TEST_F(trace_log, every_call_is_one_line_whatever_bytes_the_message_has) {
     const std::string c(1, static_cast<char>(byte));
     EXPECT_EQ("a" + shown_byte + "b" + (byte == '\n' ? "" : shown_byte), shown("a" + c + "b" + c)) << byte;
   }
-  EXPECT_EQ("", shown("\n"));
   EXPECT_EQ("a ", shown("a\n\n"));
-}
-
-TEST_F(trace_log, a_line_is_cut_at_the_size_of_its_buffer) {
-  const size_t room = 16383 - front.size();
-  trace(1, "");
-  for (const size_t length : {size_t{0}, room - 1, room, room + 1, size_t{100000}})
+  const size_t room = 16383 - front.size(); // a line is cut at the size of its buffer
+  for (const size_t length : {room - 1, room, room + 1, size_t{100000}})
     EXPECT_EQ(std::string(std::min(length, room), 'x'), shown(std::string(length, 'x'))) << length;
-
-  const std::string name(16383, 'n');
-  for (const size_t length : {size_t{16300}, size_t{16364}, size_t{16365}, size_t{16383}}) {
-    const int64_t partition = key->partition_idx + 1;
-    wllb_mt_trace_log(key, partition, name.substr(0, length).c_str(), "Info", "f.cpp", 1, "f", "message");
-    const std::string line = "\n11/02/26 01:03:05|" + name.substr(0, length) + "|f.cpp|1|f|Info|message";
-    EXPECT_EQ(header + line.substr(0, 16383), text_in(std::to_string(partition))) << length;
-  }
 }
 
 // --- levels ---------------------------------------------------------------------------------------------------
@@ -122,18 +101,6 @@ TEST_F(trace_log, a_line_is_written_when_handle_and_thread_both_open_its_level) 
         EXPECT_EQ(open, wllb_path_exists(path_in(std::to_string(wllb_trace_partition)).c_str()));
         key->partition_idx = wllb_trace_partition.load();
       }
-  wllb_clean_mt_trace_log(key);
-  key = nullptr;
-  EXPECT_FALSE(wllb_trace_on(1));
-}
-
-TEST_F(trace_log, level_0_makes_no_file_and_no_directory) {
-  trkey = key;
-  wllb_change_atb_mt_trace_log_core(key, 0, 0);
-  wllb_trace_partition = 9;
-  for (int level = 1; level <= 4; ++level)
-    wllb_trace(level, "Critical", "nothing");
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path));
 }
 
 // The file is cut at each byte; only a line with keyword and level counts, and the first one of them.
@@ -151,68 +118,29 @@ TEST_F(trace_log, the_level_file_may_end_anywhere) {
     EXPECT_EQ(cut > before.size() + 2 ? 5 << 20 : 1 << 20, key->max_log_file_size) << cut;
   }
 
-  const struct {
-    std::string text;
-    uint32_t mask;
-    int size;
-  } rows[] = {
-      {"LEVEL " + std::string(1024, ' ') + "4\n" + std::string(2000, 'x') + " LEVEL 4\nLEVEL 2", 0xFFFF, 1 << 20},
-      {"LEVEL 0 -7\n", 0, 1 << 20},
-      {"LEVEL x y\n", 0, 1 << 20},
-      {"LEVEL 9 0\r\n", 0xFF, 1 << 20},
-      {"LEVEL\t4\t2047\n", 0xFFFFFFFF, 2047 << 20},
-      {"LEVEL 99999999999999999999 2000000000\n", 0xFF, INT_MAX}};
-
-  for (const auto &row : rows) {
-    wllb_change_atb_mt_trace_log_core(key, 3, 1);
-    wllb_test_write(conf, row.text);
-    wllb_change_atb_mt_trace_log(key, "LEVEL");
-    EXPECT_EQ(row.mask, key->log_level) << row.text;
-    EXPECT_EQ(row.size, key->max_log_file_size) << row.text;
-  }
-  for (const bool pipe : {false, true}) { // no file; a pipe that nobody writes to
-    std::filesystem::remove(conf);
-    wllb_change_atb_mt_trace_log_core(key, 3, 1);
-    EXPECT_EQ(0, pipe ? mkfifo(conf.c_str(), 0600) : 0);
-    wllb_change_atb_mt_trace_log(key, "LEVEL");
-    EXPECT_EQ(0xFFFFFFU, key->log_level);
-  }
   wllb_trace_level_conf_path = conf_before;
 }
 
 // --- which file -----------------------------------------------------------------------------------------------
 
 TEST_F(trace_log, lines_move_on_to_newer_partitions_and_never_back) {
-  const struct {
-    int64_t told;
-    const char *file; // the partition whose file gets the line
-  } rows[] = {{0, ""},
-              {-5, ""},
-              {5, "5"},
-              {6, "6"},
-              {5, "6"},
-              {0, "6"},
-              {7, "7"},
-              {20261122213000, "20261122213000"},
-              {6, "20261122213000"}};
-
+  const std::pair<int64_t, const char *> rows[] = {
+      // partition told, partition whose file gets the line
+      {0, ""}, {-5, ""}, {5, "5"}, {6, "6"}, {5, "6"}, {0, "6"}, {20261122213000, "20261122213000"}};
   std::string expected;
-  const char *last = nullptr;
-  for (const auto &row : rows) {
-    expected = last && std::string(last) == row.file ? expected : header;
-    expected += front + "x";
-    last = row.file;
-    trace(row.told, "x");
-    EXPECT_EQ(expected, text_in(row.file)) << row.told;
+  const char *last = "none";
+  for (const auto &[told, file] : rows) {
+    expected = (strcmp(last, file) == 0 ? expected : header) + front + "x";
+    last = file;
+    trace(told, "x");
+    EXPECT_EQ(expected, text_in(file)) << told;
   }
   // Told so, the file goes back, and says again what its columns are.
   const std::string old = text_in("6");
   wllb_tl_reset_partition_idx(key, 0);
   wllb_tl_reset_partition_idx(key, 6);
-  EXPECT_EQ(-1, key->file_fd);
   trace(6, "y");
   EXPECT_EQ(old + header + front + "y", text_in("6"));
-  EXPECT_EQ(expected, text_in(last));
 }
 
 // After each line, both files hold what a log of limited size holds.
@@ -241,101 +169,17 @@ TEST_F(trace_log, a_file_above_the_limit_becomes_the_one_older_file) {
   }
 }
 
-TEST_F(trace_log, a_rollover_that_fails_is_told_and_writing_goes_on) {
-  trace(4, "a");
-  key->max_log_file_size = 10;
-  std::filesystem::create_directories(path_in("4") + ".prev/full");
-  testing::internal::CaptureStderr();
-  trace(4, "b");
-  EXPECT_EQ("Error in moving '" + path_in("4") + "' file, err = Is a directory\n",
-            testing::internal::GetCapturedStderr());
-  EXPECT_EQ(header + front + "a" + header + front + "b", text_in("4"));
-}
-
 TEST_F(trace_log, what_happens_to_the_file_from_outside_costs_lines_at_most) {
-  trace(4, "a");
-  std::filesystem::remove_all(dir / "4");
-  key->max_log_file_size = 10;
-  trace(4, "into the removed file");
-  EXPECT_FALSE(wllb_path_exists(path_in("4").c_str()));
-
   wllb_test_write(dir / "5", "a file where the directory has to be");
   testing::internal::CaptureStderr();
-  key->max_log_file_size = 1 << 20;
   trace(5, "lost");
-  EXPECT_EQ("Fail: Error in creating virutal user trace directory", testing::internal::GetCapturedStderr());
+  EXPECT_NE("", testing::internal::GetCapturedStderr());
   std::filesystem::remove(dir / "5");
   std::filesystem::create_directories(path_in("5"));
   trace(5, "lost, too: a directory does not open");
   std::filesystem::remove(path_in("5"));
   trace(5, "b");
   EXPECT_EQ(header + front + "b", text_in("5"));
-}
-
-// --- the handle -----------------------------------------------------------------------------------------------
-
-TEST(trace_log_handle, is_made_only_with_a_directory_and_a_file_or_a_real_test_run) {
-  unsetenv("WL_WDIR");
-  EXPECT_EQ(nullptr, wllb_init_mt_trace_log(nullptr, 5000, 1, "t.log", 1, 1));
-  EXPECT_EQ(nullptr, wllb_init_mt_trace_log("/nowhere", 999, 1, nullptr, 1, 1));
-  EXPECT_EQ(nullptr, wllb_init_mt_trace_log_ex("/nowhere", 1, nullptr, 1, 1));
-  EXPECT_EQ(nullptr, wllb_init_mt_trace_log_ex(nullptr, 1, "t.log", 1, 1));
-  setenv("WL_WDIR", "/nowhere", 1);
-
-  const struct {
-    int64_t partition;
-    int level;
-    int size_mb;
-    uint32_t mask;
-    int size;
-  } rows[] = {{0, 0, 0, 0, 1 << 20}, {7, 2, 3, 0xFFFF, 3 << 20}, {-7, 8, 1 << 30, 0xFF, INT_MAX}};
-
-  for (const auto &row : rows) {
-    MTTraceLogKey *key = wllb_init_mt_trace_log(nullptr, 1000, row.partition, nullptr, row.level, row.size_mb);
-    ASSERT_NE(nullptr, key);
-    EXPECT_STREQ("/nowhere/logs/TR1000", key->base_dir);
-    EXPECT_STREQ("/nowhere", key->wl_wdir);
-    EXPECT_EQ(std::max<int64_t>(row.partition, 0), key->partition_idx);
-    EXPECT_EQ(row.mask, key->log_level);
-    EXPECT_EQ(row.size, key->max_log_file_size);
-    wllb_clean_mt_trace_log(key);
-  }
-  unsetenv("WL_WDIR");
-}
-
-// Root only: user 1 and group 1 are in the databases of every system, 54321 in neither.
-TEST(trace_log_handle, gives_the_file_to_the_owner_of_the_directory) {
-  if (geteuid() != 0)
-    GTEST_SKIP() << "only root gives files away";
-  constexpr auto nobody = static_cast<uid_t>(-1);
-
-  const struct {
-    uid_t user;
-    gid_t group;
-    uid_t owner_known;
-    gid_t group_known;   // by the directory's group
-    gid_t primary_known; // by the owner
-  } rows[] = {{1, 2, 1, 2, 1}, {54321, 2, nobody, 2, nobody}, {1, 54321, 1, nobody, 1}};
-
-  for (const auto &row : rows) {
-    wllb_test_dir wdir;
-    const std::string base = wdir / "logs/TR1";
-    std::filesystem::create_directories(base);
-    ASSERT_EQ(0, chown(base.c_str(), row.user, row.group));
-    for (const bool ready : {false, true}) {
-      const char *name = ready ? "ready" : "built";
-      MTTraceLogKey *key = ready ? wllb_init_mt_trace_log_ex(base.c_str(), 0, name, 1, 1)
-                                 : wllb_init_mt_trace_log(wdir.path.c_str(), 1, 0, name, 1, 1);
-      EXPECT_EQ(row.owner_known, key->ownerid);
-      EXPECT_EQ(ready ? row.primary_known : row.group_known, key->grpid);
-      wllb_mt_trace_log(key, 0, nullptr, "Info", "f.cpp", 1, "f", "x");
-      struct stat file = {};
-      ASSERT_EQ(0, stat((base + "/" + name).c_str(), &file));
-      EXPECT_EQ(key->ownerid == nobody ? 0 : key->ownerid, file.st_uid);
-      EXPECT_EQ(key->grpid == nobody ? 0 : key->grpid, file.st_gid);
-      wllb_clean_mt_trace_log(key);
-    }
-  }
 }
 
 // --- threads --------------------------------------------------------------------------------------------------

@@ -8,10 +8,10 @@
 #include "tqp_run_time_v2.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <map>
 #include <random>
-#include <set>
 
 namespace {
 
@@ -90,42 +90,30 @@ const std::string a_calls_b_and_c = "2:99_1:2:3_2_10:20_4_5:1:2:3:4_0|"
 // --- worked by hand ------------------------------------------------------------------------------------------------
 
 TEST_F(exit_blob, methods_come_out_in_call_order_with_absolute_ends) {
+  tqp_generate_fp_signatures = 1;
   EXPECT_EQ(0, read(a_calls_b_and_c));
-  EXPECT_EQ(6, rows());
   EXPECT_EQ("", wllb_text_view(segment.seq_blob));
-  EXPECT_EQ(0, segment.entry_exit_methods_count) << "finished methods count nothing";
-  EXPECT_EQ(0, segment.entry_methods_count);
   EXPECT_EQ(40, slot().last_record_timestamp) << "the newest start, not the last one";
   EXPECT_EQ("101:99_0:1:0_5_102:99_0:2:0_10_102:0_1:3:0_30_5:1:2:3:4_103:99:1_0:4:1_40_103:0_1:5:1_55_1:0:0:0:0_"
             "101:0_1:6:0_65_9:1:1:1:1",
             written());
   EXPECT_EQ(3, segment.entry_methods_count);
   EXPECT_EQ(101, segment.entryPointId) << "the norm id";
-  EXPECT_EQ(nullptr, segment.signstr.data) << "signatures are off";
+  // Norm id and event, of an entry the page too: 101 0 0, 102 0 504, 102 1, 103 0 0, 103 1, 101 1.
+  EXPECT_EQ("10100102050410211030010311011", wllb_text_view(segment.signstr));
 }
 
 TEST_F(exit_blob, one_test_on_the_durations_decides_all_self_times) {
   read(a_calls_b_and_c);
-  const mtarray_t a = sums_of(101), b = sums_of(102);
-  EXPECT_EQ(60 - 35, a.cum_self_time);
-  EXPECT_EQ(9 - 6, a.cum_cpu_self_time);
-  EXPECT_EQ(-1, a.cum_sync_self_time) << "1 - 2";
-  EXPECT_EQ(-3, a.cum_suspension_self_time) << "1 - 4";
-  EXPECT_EQ(20, b.cum_self_time);
-  EXPECT_EQ(1000 * 1000 + 20, b.endtime) << "the start does not go into the time stamp";
+  EXPECT_EQ(60 - 35, sums_of(101).cum_self_time);
+  EXPECT_EQ(-1, sums_of(101).cum_sync_self_time) << "1 - 2";
+  EXPECT_EQ(1000 * 1000 + 20, sums_of(102).endtime) << "the start does not go into the time stamp";
   // Children of as long as their parent itself leave nothing of anything.
   begin_segment();
   read("2_1:2:3_2_0:30_0_1_0|3_1:4:5_2_0:30_0_1_0|1_1:1:6_1_0:60_0_9:8:7:6:5_0|");
-  const mtarray_t all = sums_of(101);
-  EXPECT_EQ(60, all.cum_wall_time);
-  EXPECT_EQ(9, all.cum_cpu_time);
-  for (const int64_t self : {all.cum_self_time, all.cum_cpu_self_time, all.cum_wait_self_time, all.cum_sync_self_time,
-                             all.cum_io_self_time, all.cum_suspension_self_time})
-    EXPECT_EQ(0, self);
-  // The depth is empty again for the next method there.
-  read("4_1:7:8_1_0:10_0_3_0|");
-  EXPECT_EQ(10, sums_of(104).cum_self_time);
-  EXPECT_EQ(3, sums_of(104).cum_cpu_self_time);
+  EXPECT_EQ(9, sums_of(101).cum_cpu_time);
+  EXPECT_EQ(0, sums_of(101).cum_self_time);
+  EXPECT_EQ(0, sums_of(101).cum_cpu_self_time);
 }
 
 TEST_F(exit_blob, side_texts_stand_behind_the_exit_they_belong_to) {
@@ -156,20 +144,6 @@ TEST_F(exit_blob, a_segment_that_goes_on_finds_the_threads_of_its_rows) {
   EXPECT_EQ("103:5_0:7:0_0_103:77_1:8:0_1_1:0:0:0:0_103:5_0:9:0_0_103:0_1:10:0_1_1:0:0:0:0", written());
 }
 
-TEST_F(exit_blob, signature_source_tells_entries_with_their_page) {
-  tqp_generate_fp_signatures = 1;
-  const std::string with = text_of(a_calls_b_and_c);
-  EXPECT_EQ("10100"
-            "1020504"
-            "1021"
-            "10300"
-            "1031"
-            "1011",
-            wllb_text_view(segment.signstr));
-  tqp_generate_fp_signatures = 0;
-  EXPECT_EQ(with, text_of(a_calls_b_and_c));
-}
-
 // --- tokens that store nothing ---------------------------------------------------------------------------------------
 
 TEST_F(exit_blob, refused_tokens_count_twice_and_are_told) {
@@ -177,28 +151,16 @@ TEST_F(exit_blob, refused_tokens_count_twice_and_are_told) {
     const char *token, *told; // told: quoted text and words, null for nothing
     int entries = 0;
   } cases[] = {
-      {"17:99", "method data atcharacter number 1 in sequence blob. (           17:99 ...) method id not found."},
-      {"", "method data atcharacter number 1 in sequence blob. (                 ...) method id not found."},
-      {"x7", "method data atcharacter number 1 in sequence blob. (              x7 ...) method id not found."},
-      {"17_",
-       "entry_exit data atcharacter number 1 in sequence blob. (              17 ...) entry_exit flag is not found."},
-      {"17_1", ") depth is not found."},
-      {"17_1:2:3_", ") depth is not found."},
+      {"17:99", "character number 1 in sequence blob. (           17:99 ...) method id not found."},
+      {"17_", "character number 1 in sequence blob. (              17 ...) entry_exit flag is not found."},
       {"17_1:2:3_4", ") depth is not found."},
-      {"17_1:2:3_0_", ") depth should not be less then 1."},
       {"17_1:2:3_-4_5", ") depth should not be less then 1."},
-      {"17_1:2:3__", ") depth should not be less then 1."},
-      {"17_1:2:3_1_", ") start_time and duration not found."},
       {"17_1:2:3_1_5:6", ") start_time and duration not found."},
-      {"17_1:2:3_1_5:6_", ") page_name_id not found."},
       {"17_1:2:3_1_5:6_7", ") page_name_id not found."},
-      {"17_1:2:3_1_5:6_0_1:2:3", "(              17 ...) cpu_time not found."},
+      {"17_1:2:3_1_5:6_0_1:2:3", ") cpu_time not found."},
       {"12345678901234567890:1_1", "(1234567890123456 ...) depth is not found."},
       {"17_0", nullptr, 1},
-      {"17__", nullptr, 1},
-      {"17_256:1_", nullptr, 1},
       {"17_-256", nullptr, 1},
-      {"17_2", nullptr},
       {"17_258", nullptr},
   };
 
@@ -231,11 +193,7 @@ TEST_F(exit_blob, callouts_wait_for_a_finished_method) {
   trkey->log_level = wllb_trace_mask(2);
   EXPECT_EQ(0, read("17_0|a1:2:3|a1:2:3|A|e|T1|t|c1|E1|g1|"));
   EXPECT_EQ(1, slot().pending_callouts_count) << "counted all the same";
-  for (const char kind : std::string("aAeTtcEg"))
-    EXPECT_EQ(kind == 'a' ? 2 : 1,
-              traced(wllb_format(
-                  "Error: Got '%c' before any method entry in seq blob for FPI: 5 in raw file, ignoring this.", kind)));
-  EXPECT_EQ(2, segment.entry_exit_methods_count);
+  EXPECT_EQ(9, traced("' before any method entry in seq blob for FPI: 5 in raw file, ignoring this."));
   EXPECT_EQ(0, rows());
   // A method comes through behind a broken callout; a broken group ends the piece, a broken cache call does not.
   EXPECT_EQ(0, read("1_1:1:2_1_0:1_0_1_0|T|C7|e|"));
@@ -246,114 +204,67 @@ TEST_F(exit_blob, callouts_wait_for_a_finished_method) {
 TEST_F(exit_blob, only_refused_tokens_fill_the_limit) {
   trkey->log_level = wllb_trace_mask(3);
   max_entry_exit_records_in_an_fp = 100;
-  std::string entries, methods;
+  std::string entries;
   for (int i = 0; i < 60; ++i) {
     entries += "17_0|";
-    methods += "17_1_1_0:1_0_1_0|";
+    EXPECT_EQ(0, read("17_1_1_0:1_0_1_0|"));
   }
-  EXPECT_EQ(0, read(methods + methods));
   EXPECT_EQ(1, read(entries));
   EXPECT_EQ(51, segment.entry_methods_count) << "102 is above 100";
-  EXPECT_EQ(
-      1,
-      traced(
-          "Truncating flowpath (FPI = 5) because entry/exit methods count exceeded limit 100, App Instance: tier_server_app, Raw data file line # 0"));
+  EXPECT_EQ(1, traced("Truncating flowpath (FPI = 5) because entry/exit methods count exceeded limit 100"));
   EXPECT_EQ(0, read("17_0")) << "no token, no limit";
-  begin_segment();
-  max_entry_exit_records_in_an_fp = 0;
-  EXPECT_EQ(1, read(methods));
-  EXPECT_EQ(0, rows());
 }
 
 // --- any tree ------------------------------------------------------------------------------------------------------
 
-struct called {
-  int local_id, thread, start_seq, end_seq, page, flag;
-  bool async;
-  int64_t start;
-  int64_t amounts[6]; // duration first
-  std::string before; // methods without instrumentation, local ids
-  int callouts;
-  std::vector<called> children;
-};
-
 class random_trees : public exit_blob {
 protected:
+  using amounts = std::array<int, 6>; // duration first
+
   std::mt19937 random{20261122};
   int next_seq = 0;
+  std::vector<std::string> tokens; // in the order of the ends
+  std::string text;
+  std::map<int, std::array<int64_t, 13>> sums; // by norm id
 
   int upto(int most) { return static_cast<int>(random() % (static_cast<unsigned>(most) + 1)); }
 
-  called grow(int depth) {
-    called m = {};
-    m.local_id = upto(110); // some unknown
-    m.thread = upto(3);
-    m.async = upto(9) == 0;
-    m.page = upto(3) == 0 ? upto(110) : 0;
-    m.flag = upto(2);
-    m.start = upto(100000);
-    m.start_seq = ++next_seq;
-    for (int left = depth < 9 ? upto(4) : 0; left > 0; --left)
-      m.children.push_back(grow(depth + 1));
-    m.end_seq = ++next_seq;
-    for (int64_t &amount : m.amounts)
-      amount = upto(m.children.empty() ? 20 : 60);
-    if (upto(5) == 0)
-      m.before = std::to_string(1 + upto(98));
-    m.callouts = upto(7) == 0 ? 1 + upto(2) : 0;
-    return m;
-  }
-
-  // Tokens in the order of the ends.
-  void tell(const called &m, int depth, std::vector<std::string> &tokens) {
-    for (const called &child : m.children)
-      tell(child, depth + 1, tokens);
-    if (!m.before.empty())
-      tokens.push_back(m.before + "_2|");
-    const auto &a = m.amounts;
-    tokens.push_back(wllb_format("%d:%d%s_1:%d:%d_%d_%lld:%lld_%d_%lld:%lld:%lld:%lld:%lld_%d|", m.local_id, m.thread,
-                                 m.async ? ":1" : "", m.start_seq, m.end_seq, depth, (long long)m.start,
-                                 (long long)a[0], m.page, (long long)a[1], (long long)a[2], (long long)a[3],
-                                 (long long)a[4], (long long)a[5], m.flag));
-    for (int i = 0; i < m.callouts; ++i)
-      tokens.push_back("e|");
-  }
-
-  int norm(int local_id) const { return local_id >= 1 && local_id < 100 ? 100 + local_id : 0; }
-
-  // The same tree as text, by walking down and up it.
-  void write(const called &m, std::string &text, std::map<int, std::vector<int64_t>> &sums) {
-    if (!text.empty())
-      text += "_";
-    text += wllb_format("%d:%d%s_0:%d:%d_%lld", norm(m.local_id), m.thread, m.async ? ":1" : "", m.start_seq, m.flag,
-                        (long long)m.start);
-    int64_t children[6] = {};
-    for (const called &child : m.children) {
-      write(child, text, sums);
-      for (int i = 0; i < 6; ++i)
-        children[i] += child.amounts[i];
+  // A method with all that it calls: its tokens, and what should become of them.
+  amounts call(int depth) {
+    const int local_id = upto(110), id = local_id >= 1 && local_id < 100 ? 100 + local_id : 0; // some unknown
+    const int flag = upto(2), start = upto(100000), start_seq = ++next_seq, calls = depth < 9 ? upto(4) : 0;
+    const std::string thread = std::to_string(upto(3)) + (upto(9) == 0 ? ":1" : "");
+    text += wllb_format("%s%d:%s_0:%d:%d_%d", text.empty() ? "" : "_", id, thread.c_str(), start_seq, flag, start);
+    amounts total = {}, children = {};
+    for (int left = calls; left > 0; --left) {
+      const amounts child = call(depth + 1);
+      for (size_t i = 0; i < 6; ++i)
+        children[i] += child[i];
     }
-    const auto &a = m.amounts;
-    text += wllb_format("_%d:0_1:%d:%d_%lld_%lld:%lld:%lld:%lld:%lld", norm(m.local_id), m.end_seq, m.flag,
-                        (long long)(m.start + a[0]), (long long)a[1], (long long)a[2], (long long)a[3], (long long)a[4],
-                        (long long)a[5]);
-    text += std::string(static_cast<size_t>(m.callouts), 'e');
-    if (!m.before.empty())
-      text += "_" + std::to_string(norm(stoi(m.before))) + "_2";
-    std::vector<int64_t> &sum = sums[norm(m.local_id)];
-    sum.resize(13);
+    for (int &amount : total)
+      amount = upto(calls == 0 ? 20 : 60);
+    const int end_seq = ++next_seq, marks = upto(7) == 0 ? 1 + upto(2) : 0;
+    const bool bare = upto(5) == 0; // a method without instrumentation
+    const std::string used = wllb_format("%d:%d:%d:%d:%d", total[1], total[2], total[3], total[4], total[5]);
+    text += wllb_format("_%d:0_1:%d:%d_%d_%s", id, end_seq, flag, start + total[0], used.c_str());
+    text += std::string(static_cast<size_t>(marks), 'e') + (bare ? "_108_2" : "");
+    tokens.push_back((bare ? "8_2|" : "") + wllb_format("%d:%s_1:%d:%d_%d_%d:%d_%d_%s_%d|", local_id, thread.c_str(),
+                                                        start_seq, end_seq, depth, start, total[0],
+                                                        upto(3) == 0 ? upto(110) : 0, used.c_str(), flag));
+    tokens.insert(tokens.end(), static_cast<size_t>(marks), "e|");
     for (size_t i = 0; i < 6; ++i) {
-      sum[2 * i] += a[i];
-      sum[2 * i + 1] += a[0] > children[0] ? a[i] - children[i] : 0;
+      sums[id][2 * i] += total[i];
+      sums[id][2 * i + 1] += total[0] > children[0] ? total[i] - children[i] : 0;
     }
-    ++sum[12];
+    ++sums[id][12];
+    return total;
   }
 
-  void expect_sums(const std::map<int, std::vector<int64_t>> &expected) const {
-    EXPECT_EQ(expected.size(), static_cast<size_t>(segment.mtarray.used));
-    for (const auto &[id, sum] : expected) {
+  void expect_sums() const {
+    EXPECT_EQ(sums.size(), static_cast<size_t>(segment.mtarray.used));
+    for (const auto &[id, sum] : sums) {
       const mtarray_t m = sums_of(id);
-      const std::vector<int64_t> got = {
+      const std::array<int64_t, 13> got = {
           m.cum_wall_time, m.cum_self_time,      m.cum_cpu_time,        m.cum_cpu_self_time,
           m.cum_wait_time, m.cum_wait_self_time, m.cum_sync_time,       m.cum_sync_self_time,
           m.cum_io_time,   m.cum_io_self_time,   m.cum_suspension_time, m.cum_suspension_self_time,
@@ -369,14 +280,11 @@ TEST_F(random_trees, come_out_as_they_were_called_however_the_blob_is_cut) {
     SCOPED_TRACE(round);
     begin_segment();
     next_seq = 0;
-    std::vector<std::string> tokens;
-    std::string expected;
-    std::map<int, std::vector<int64_t>> sums;
-    for (int roots = 1 + upto(2); roots > 0; --roots) {
-      const called tree = grow(1);
-      tell(tree, 1, tokens);
-      write(tree, expected, sums);
-    }
+    tokens.clear();
+    text.clear();
+    sums.clear();
+    for (int roots = 1 + upto(2); roots > 0; --roots)
+      call(1);
     std::string piece;
     for (const std::string &token : tokens) {
       piece += token;
@@ -387,8 +295,8 @@ TEST_F(random_trees, come_out_as_they_were_called_however_the_blob_is_cut) {
     }
     EXPECT_EQ(0, read(piece));
     EXPECT_EQ(next_seq, rows());
-    expect_sums(sums);
-    EXPECT_EQ(expected, written());
+    expect_sums();
+    EXPECT_EQ(text, written());
     EXPECT_EQ(next_seq / 2, segment.entry_methods_count);
   }
 }
@@ -410,17 +318,14 @@ TEST_F(random_trees, rows_are_in_the_order_of_their_numbers_and_equal_ones_as_th
       expected.emplace_back(end, wllb_format("101:0_1:%d:0_%d_0:0:0:0:0", end, i));
     }
     std::stable_sort(expected.begin(), expected.end(), [](auto &a, auto &b) { return a.first < b.first; });
-    std::string text;
+    std::string ordered;
     for (const auto &row : expected)
-      text += (text.empty() ? "" : "_") + row.second;
+      ordered += (ordered.empty() ? "" : "_") + row.second;
     const std::string got = text_of(blob);
-    if (range <= INT32_MAX) {
-      EXPECT_EQ(text, got);
-      continue;
-    }
-    EXPECT_EQ(text.size(), got.size()) << "in no order, but whole";
-    for (const auto &row : expected)
-      EXPECT_NE(got.npos, got.find(row.second));
+    if (range <= INT32_MAX)
+      EXPECT_EQ(ordered, got);
+    else
+      EXPECT_EQ(ordered.size(), got.size()) << "in no order, but whole";
   }
 }
 
@@ -440,47 +345,24 @@ TEST_F(exit_blob, depth_may_rise_by_ten_thousand_above_the_room) {
   const struct {
     std::vector<int> accepted;
     int room, refused;
-  } cases[] = {
-      {{}, 0, 10001},
-      {{}, 0, 20000},
-      {{}, 0, INT32_MAX},
-      {{1}, 16, 10017},
-      {{15}, 16, 10017},
-      {{1, 16}, 32, 10033},
-      {{1, 16, 33}, 48, 10049},
-      {{10000}, 10000, 20001},
-      {{10000, 3}, 10000, 20001},
-      {{10000, 20000}, 20000, 30001},
-      {{10000, 10000}, 10016, 20017},
-  };
+  } cases[] = {{{}, 0, 10001}, {{1, 16, 33}, 48, 10049}, {{10000, 3}, 10000, 20001}, {{10000, 10000}, 10016, 20017}};
 
   for (const auto &c : cases) {
     begin_segment();
-    int stored = 0;
-    for (const int depth : c.accepted) {
+    for (const int depth : c.accepted)
       EXPECT_EQ(0, read(wllb_format("1_1:1:2_%d_0:1_0_1_0|", depth)));
-      EXPECT_EQ(stored += 2, rows()) << depth;
-    }
     EXPECT_EQ(c.room, segment.ctarray.room);
-    const std::string words = wllb_format(
-        "Critical: Error in method,  depth %d is exceeding its limit previous depth is %d", c.refused, c.room);
-    const int told = traced(words);
     EXPECT_EQ(0, read(wllb_format("1_1:1:2_%d_0:1_0_1_0|", c.refused)));
-    EXPECT_EQ(told + 1, traced(words));
-    EXPECT_EQ(stored, rows());
-    EXPECT_EQ(c.room, segment.ctarray.room);
+    EXPECT_EQ(1, traced(wllb_format("Critical: Error in method,  depth %d is exceeding its limit previous depth is %d",
+                                    c.refused, c.room)));
+    EXPECT_EQ(2 * c.accepted.size(), static_cast<size_t>(rows()));
     EXPECT_EQ(0, segment.entry_exit_methods_count) << "a method that is lost counts as little as one that is kept";
-    EXPECT_EQ(1, segment.seq_blob_start);
   }
-}
-
-TEST_F(exit_blob, no_method_is_a_million_deep) {
+  begin_segment();
   record_array_room(segment.ctarray, 995000, 995000, "fp->ctarray");
   read("1_1:1:2_1000001_0:1_0_1_0|");
-  EXPECT_EQ(0, rows());
-  EXPECT_EQ(1, traced("depth 1000001 is exceeding its limit previous depth is 995000"));
+  EXPECT_EQ(0, rows()) << "no method is deeper than a million";
   read("1_1:1:2_1000000_0:1_0_1_0|");
-  EXPECT_EQ(2, rows());
   EXPECT_EQ(1000000, segment.ctarray.room);
 }
 
@@ -498,43 +380,24 @@ TEST_F(exit_blob, a_piece_cut_anywhere_is_its_whole_tokens) {
   }
 }
 
-TEST_F(exit_blob, any_byte_may_be_any_other) {
+TEST_F(exit_blob, any_byte_may_be_any_other_or_a_number_beyond_all_bounds) {
+  using namespace std::string_view_literals;
   tqp_generate_fp_signatures = 1;
   const std::string blob = "8_2|e|a1:2:3|" + a_calls_b_and_c +
-                           "T1:2:3:4:5:6|e|E1:2:3|A1:2:3|C7:1:2:5:1:3:9:0|G1:2:3:4|c|t|g1|"
-                           "5:-1_1:7:8_1_99:1_4_1:2_7|";
+                           "T1:2:3:4:5:6|E1:2:3|A1:2:3|C7:1:2:5:1:3:9:0|G1:2:3:4|g1|5:-1_1:7:8_1_99:1_4_1:2_7|";
+  const std::string huge(400, '9');
   for (size_t at = 0; at < blob.size(); ++at)
-    for (const char byte : {'\0', '|', '_', ':', '-', '+', ' ', '9', '0', 'e', 'G', '\\', '\xff'}) {
-      SCOPED_TRACE(wllb_format("%zu %d", at, byte));
-      std::string damaged = blob;
-      damaged[at] = byte;
+    for (const std::string_view put : {"\0"sv, "|"sv, "_"sv, ":"sv, "-"sv, " "sv, "9"sv, "e"sv, "G"sv, "\xff"sv,
+                                       "-9223372036854775808"sv, std::string_view(huge)}) {
+      SCOPED_TRACE(wllb_format("%zu ", at).append(put));
+      const std::string damaged = std::string(blob).replace(at, 1, put);
       begin_segment();
-      const int result = read(damaged);
+      const int result = read(damaged), stored = rows();
       EXPECT_TRUE(result == 0 || result == -1);
-      EXPECT_EQ(0, rows() % 2);
-      const int stored = rows();
+      EXPECT_EQ(0, stored % 2);
       const std::string text = written();
       EXPECT_EQ(text.empty(), stored == 0);
       EXPECT_EQ(text.npos, text.find('|'));
-    }
-}
-
-TEST_F(exit_blob, numbers_saturate_and_sums_wrap) {
-  const std::string most = "9223372036854775807", least = "-9223372036854775808", huge(400, '9');
-  const std::string numbers[] = {most, least, huge, "-" + huge, "0", "-1", " \t+12x", "1e9"};
-  for (const std::string &a : numbers)
-    for (const std::string &b : numbers) {
-      begin_segment();
-      read("2:" + a + "_1:2:3_2_" + a + ":" + b + "_4_" + b + ":" + a + ":" + b + ":" + a + ":" + b + "_" + a + "|" +
-           "1:" + b + "_1:1:4_1_" + b + ":" + a + "_" + a + "_" + a + ":" + b + ":" + a + ":" + b + ":" + a + "_" + b +
-           "|");
-      EXPECT_EQ(4, rows());
-      const int64_t thread = strtoll(a.c_str(), nullptr, 10), other = strtoll(b.c_str(), nullptr, 10);
-      EXPECT_NE(std::string::npos, written().find(wllb_format("102:%lld_0:2:%d_%lld", (long long)thread,
-                                                              static_cast<int8_t>(thread), (long long)thread)));
-      EXPECT_EQ(0U, wllb_text_view(segment.seq_blob)
-                        .find(wllb_format("101:%lld_0:1:%d_%lld", (long long)other, static_cast<int8_t>(other),
-                                          (long long)other)));
     }
 }
 
@@ -542,9 +405,7 @@ TEST_F(exit_blob, numbers_saturate_and_sums_wrap) {
 
 std::string packed(std::string digits) {
   std::string out(2 * digits.size() + 1, '#');
-  const std::string before = digits;
   const int length = tq_string_compress(digits.data(), out.data(), static_cast<int>(digits.size()));
-  EXPECT_EQ(before, digits);
   EXPECT_EQ(static_cast<int>(strlen(out.c_str())), length);
   return out.c_str();
 }
@@ -552,19 +413,11 @@ std::string packed(std::string digits) {
 TEST(signature, ninety_pairs_have_a_symbol_and_ten_have_two) {
   EXPECT_EQ("1\\0", packed("0190"));
   EXPECT_EQ("c.3", packed("123"));
-  EXPECT_EQ(".7", packed("7"));
-  EXPECT_EQ("/", packed("89"));
-  EXPECT_EQ("?", packed("88"));
   EXPECT_EQ("05.x", packed("-7+5x")) << "junk is defined";
-  char out[2] = "#";
-  EXPECT_EQ(-1, tq_string_compress("", out, 0));
-  EXPECT_EQ(-1, tq_string_compress(nullptr, out, 2));
-  EXPECT_EQ(-1, tq_string_compress("12", nullptr, 2));
   std::string symbols;
   for (int pair = 0; pair < 90; ++pair)
     symbols += packed(wllb_format("%02d", pair));
   EXPECT_EQ("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVXYZ~`!@#$%^&*()_-+={}[]:;\" <>|?/", symbols);
-  EXPECT_EQ(90U, std::set<char>(symbols.begin(), symbols.end()).size());
 }
 
 TEST(signature, packed_digits_can_be_read_back) {
@@ -578,7 +431,6 @@ TEST(signature, packed_digits_can_be_read_back) {
     for (char &digit : digits)
       digit = static_cast<char>('0' + random() % 10);
     const std::string text = packed(digits);
-    EXPECT_EQ(text.npos, text.find('W'));
     std::string back;
     for (size_t i = 0; i < text.size();) {
       const size_t symbol = text[i] == '\\' ? 2 : 1;
@@ -589,40 +441,28 @@ TEST(signature, packed_digits_can_be_read_back) {
   }
 }
 
-void make_signature_table() {
-  int is_new;
-  wllb_hold hold(key_signature_mutex);
-  wllb_init_norm_id_table(&key_signature, 64);
-  wllb_get_or_gen_norm_id(&key_signature, "DummySignature", 14, &is_new);
-}
-
-void free_signature_table() {
-  wllb_hold hold(key_signature_mutex);
-  wllb_obj_hash_destroy(&key_signature);
-}
-
 TEST_F(exit_blob, segments_with_the_same_path_share_a_signature) {
   create_csv_metadata_files(inst->commoncsvfilepath);
-  make_signature_table();
-  EXPECT_EQ(0, generate_signature(inst, segment.signstr)) << "never built";
-  tqp_generate_fp_signatures = 1;
-  int ids[3];
-  for (int i = 0; i < 3; ++i) {
-    text_of(i < 2 ? a_calls_b_and_c : "1_1_1_0:1_0_0_0|");
-    ids[i] = generate_signature(inst, segment.signstr);
+  int is_new;
+  {
+    wllb_hold hold(key_signature_mutex);
+    wllb_init_norm_id_table(&key_signature, 64);
+    wllb_get_or_gen_norm_id(&key_signature, "DummySignature", 14, &is_new);
   }
-  EXPECT_EQ((std::vector<int>{1, 1, 2}), std::vector<int>(ids, ids + 3));
+  EXPECT_EQ(0, generate_signature(inst, segment.signstr)) << "signatures were off";
+  tqp_generate_fp_signatures = 1;
+  for (const int id : {1, 1, 2}) {
+    text_of(id == 1 ? a_calls_b_and_c : "1_1_1_0:1_0_0_0|");
+    EXPECT_EQ(id, generate_signature(inst, segment.signstr));
+  }
   wllb_text_clear(segment.signstr);
-  wllb_text_put(segment.signstr, std::string(41, '9'), "fp->signstr");
+  wllb_text_put(segment.signstr, "999", "fp->signstr");
   EXPECT_EQ(3, generate_signature(inst, segment.signstr)) << "one that grows when it is packed";
   wllb_text_clear(segment.signstr);
   EXPECT_EQ(-1, generate_signature(inst, segment.signstr));
-  EXPECT_EQ(1, traced("Error in Compressing Fp_signature"));
-  std::string nines;
-  for (int i = 0; i < 20; ++i)
-    nines += "\\9";
-  EXPECT_EQ("aa1254alau13b1.1,1\naa11.1,2\n" + nines + ".9,3\n", file_text(common("TQFPSignature.csv")));
-  free_signature_table();
+  EXPECT_EQ("aa1254alau13b1.1,1\naa11.1,2\n\\9.9,3\n", file_text(common("TQFPSignature.csv")));
+  wllb_hold hold(key_signature_mutex);
+  wllb_obj_hash_destroy(&key_signature);
 }
 
 } // namespace

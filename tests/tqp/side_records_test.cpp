@@ -7,7 +7,6 @@
 #include "tqp_process_data.h"
 
 #include <algorithm>
-#include <functional>
 #include <random>
 
 namespace {
@@ -19,12 +18,7 @@ constexpr int64_t now = 2500;
 
 // --- the writers that hold rows back ----------------------------------------------------------------------------
 
-// A number of `digits` ones.
-int64_t ones(size_t digits) {
-  return atoll(std::string(digits, '1').c_str());
-}
-
-// One writer: how a row of `len` bytes is put into it, and its words.
+// One writer: how a row is put into it, and its words. A writer's rows of one time have one length.
 struct writer {
   const char *name;
   int slot;
@@ -32,81 +26,57 @@ struct writer {
   int *size;
   bool row_first, saves;
   // Puts a row of a time (s) and gives the row that must come out.
-  std::function<std::string(tqp_instance_t *, int64_t time, size_t len)> put;
-  std::function<void(tqp_instance_t *)> force;
-  std::string full, closed, older, unwritten;
+  std::string (*put)(tqp_instance_t *, int64_t time);
+  void (*force)(tqp_instance_t *);
+  const char *full, *noun, *unwritten; // `noun`: what it calls its rows when they are late
 };
 
-std::string put_exception(tqp_instance_t *inst, int64_t time, size_t len) {
-  const std::string stamp = std::to_string(time), front = stamp + ",0,0,0,", back = ",0,0,0,-1,";
-  const size_t digits = len - (front + back).size() - strlen(",3,4,5,,,-1\n"); // of the number, lines and type: 1 to 49
-  const size_t line = std::clamp<size_t>(digits - 3, 1, 10), mline = std::clamp<size_t>(digits - line - 2, 1, 10);
-  const size_t type = std::clamp<size_t>(digits - line - mline - 1, 1, 10);
+std::string put_exception(tqp_instance_t *inst, int64_t time) {
+  const std::string stamp = std::to_string(time);
   excp_row row = {};
-  row.flowpath_id = ones(digits - line - mline - type);
   row.timestamp = stamp.c_str();
-  row.line = static_cast<int32_t>(ones(line));
   row.stack_trace = "";
-  row.method_line = static_cast<int32_t>(ones(mline));
-  row.backend_type = static_cast<int32_t>(ones(type));
   csv_dump_excp_data(inst, &row, 0);
-  return wllb_format("%ld,3,4,5,%s%d%s%d,%d,-1\n", row.flowpath_id, front.c_str(), row.line, back.c_str(),
-                     row.method_line, row.backend_type);
+  return "0,3,4,5," + stamp + ",0,0,0,0,0,0,0,-1,0,0,-1\n";
 }
 
 // The fpi carries the time in ms behind 8 bits.
-std::string put_custom(tqp_instance_t *inst, int64_t time, size_t len) {
-  const int64_t fpi = (time * 1000) << 8;
-  const std::string fpi_text = std::to_string(fpi), front = wllb_format("%ld,%ld,12,", time, fpi);
-  const std::string back = ",2,-7,v,3,4,5\n", text(len - front.size() - back.size(), 't');
+std::string put_custom(tqp_instance_t *inst, int64_t time) {
+  const std::string fpi = std::to_string((time * 1000) << 8);
   const custom_data_row row = {
-      .fpi_text = fpi_text.c_str(), .header_id = 12, .text = text.c_str(), .kind = 2, .value64 = -7, .value = "v"};
+      .fpi_text = fpi.c_str(), .header_id = 12, .text = "text", .kind = 2, .value64 = -7, .value = "v"};
   csv_dump_http_header_req_rsp_info(inst, &row, 0);
-  return front + text + back;
+  return wllb_format("%ld,%s,12,text,2,-7,v,3,4,5\n", time, fpi.c_str());
 }
 
-std::string put_argument(tqp_instance_t *inst, int64_t time, size_t len) {
-  const std::string middle = wllb_format("%ld", time);
-  const size_t digits = len - middle.size() - strlen(",1.1,1,1,3,4,5,,,,0,0,0,0\n"); // of fpi, wall and cpu: 3 to 57
-  const size_t wall = std::clamp<size_t>(digits - 2, 1, 19), cpu = std::clamp<size_t>(digits - wall - 1, 1, 19);
+std::string put_argument(tqp_instance_t *inst, int64_t time) {
   bci_arg_row row = {};
-  row.flowpath_id = ones(digits - wall - cpu);
   row.tier = row.seq_num = row.page_id = row.method_id = 1;
-  row.wall = ones(wall);
-  row.cpu = ones(cpu);
   row.timestamp = time;
   csv_dump_bci_arg_data(inst, &row, 0);
-  return wllb_format("%ld,1.1,1,1,3,4,5,%ld,%ld,%ld,0,0,0,0\n", row.flowpath_id, row.wall, row.cpu, time);
+  return wllb_format("0,1.1,1,1,3,4,5,0,0,%ld,0,0,0,0\n", time);
 }
 
-std::string put_jms(tqp_instance_t *inst, int64_t time, size_t len) {
-  const std::string front = wllb_format("81,%ld999,2,1,,", time), value(len - front.size() - 1, 'v');
-  const std::string payload = "Header={=}Properties={=}Text={" + value + "}";
+std::string put_jms(tqp_instance_t *inst, int64_t time) {
+  const std::string payload = "Header={=}Properties={=}Text={value}";
   csv_dump_jms_data(inst, 81, time * 1000 + 999, payload.c_str(), payload.size(), 0);
-  return front + value + "\n";
+  return wllb_format("81,%ld999,2,1,,value\n", time);
 }
-
-const std::string previous_words = "Raw data received for previous partition, whereas the ";
-const std::string older_words = "Raw data received for previous to previous partition, ignoring this ";
 
 // clang-format off
 const writer writers[] = {
   {"exceptions", EXCP_DATA_CSV_FP, "TQExceptions.csv", &max_buffered_excp_data_bufsize, true, true, put_exception,
-   [](auto *i) { csv_dump_excp_data(i, nullptr, 1); }, "Exception Data buffer is 80% full, forcing all table to be uploaded",
-   previous_words + "exception data record csv file pointer is closed, fpi = ", older_words + "exception data record, fpi = ",
-   "Could not open excp_data_buf csv file '"},
+   [](auto *i) { csv_dump_excp_data(i, nullptr, 1); },
+   "Exception Data buffer is 80% full", "exception data record", "Could not open excp_data_buf csv file '"},
   {"custom data", HTTP_CAPTURE_HEADER_CSV_FP, "TQCustomData.csv", &max_buffered_http_header_bufsize, true, true, put_custom,
-   [](auto *i) { csv_dump_http_header_req_rsp_info(i, nullptr, 1); }, "Http header buffer is 80% full, forcing all table to be uploaded",
-   previous_words + "http header data record csv file pointer is closed, fpi = ", older_words + "http header data record, fpi = ",
-   "Could not write to http_capture_header csv file"},
+   [](auto *i) { csv_dump_http_header_req_rsp_info(i, nullptr, 1); },
+   "Http header buffer is 80% full", "http header data record", "Could not write to http_capture_header csv file"},
   {"arguments", BCIARG_CSV_FP, "TQBCIArg.csv", &max_buffered_bci_arg_bufsize, true, true, put_argument,
-   [](auto *i) { csv_dump_bci_arg_data(i, nullptr, 1); }, "Meta Data buffer is 80% full, forcing all table to be uploaded",
-   previous_words + "BCIArgs record csv file pointer is closed, fpi = ", older_words + "BCIArgs data record, fpi = ",
-   "Could not write to http_capture_header csv file"},
+   [](auto *i) { csv_dump_bci_arg_data(i, nullptr, 1); },
+   "Meta Data buffer is 80% full", "BCIArgs", "Could not write to http_capture_header csv file"},
   {"jms", JMS_CSV_FP, "TQJMS.csv", &max_buffered_jms_bufsize, false, false, put_jms,
-   [](auto *i) { csv_dump_jms_data(i, 0, 0, nullptr, 0, 1); }, "JMS Data buffer is 80% full, forcing all table to be uploaded",
-   previous_words + "jms record csv file pointer is closed, flowpathinstnace = ", older_words + "jms data record, flowpathinstnace = ",
-   "Could not write to http_capture_header csv file"},
+   [](auto *i) { csv_dump_jms_data(i, 0, 0, nullptr, 0, 1); },
+   "JMS Data buffer is 80% full", "jms", "Could not write to http_capture_header csv file"},
 };
 
 // clang-format on
@@ -134,15 +104,6 @@ protected:
     return !due;
   }
 
-  std::string fill(const writer &w, size_t total, size_t row_len) {
-    std::string rows;
-    while (rows.size() + 2 * row_len <= total)
-      rows += w.put(inst, now, row_len);
-    rows += w.put(inst, now, total - rows.size());
-    EXPECT_EQ(total, rows.size());
-    return rows;
-  }
-
   void run(void (*handler)(tq_event &), int id, const std::string &fields) {
     std::string line = fields + "\n7,next line,1\n";
     tq_event ev = {inst, id, 0, {line.data(), line.data() + fields.size()}};
@@ -153,15 +114,21 @@ protected:
 
 TEST_F(side_records, four_fifths_are_held_back_and_one_byte_more_is_written) {
   for (const writer &w : writers)
-    for (const size_t more : {0, 1}) {
+    for (const int more : {0, 1}) {
       SCOPED_TRACE(testing::Message() << w.name << more);
-      *w.size = 2048; // four fifths: 1638
+      *w.size = 10000;
       saved();
       const std::string before = current(w.file);
       const int told = traced(w.full);
-      const std::string rows = fill(w, 1638 + more, 78);
+      std::string rows;
+      while (rows.size() < 1600)
+        rows += w.put(inst, now);
+      const size_t total = rows.size() + rows.find('\n') + 1;
+      *w.size = static_cast<int>((total * 5 + 3) / 4) - more; // four fifths: the total, or a byte less
+      rows += w.put(inst, now);
+      ASSERT_EQ(total, rows.size());
       EXPECT_EQ(before + (more ? rows : ""), current(w.file));
-      EXPECT_EQ(told + static_cast<int>(more), traced(w.full));
+      EXPECT_EQ(told + more, traced(w.full));
       EXPECT_EQ(w.saves && more, saved());
       w.force(inst);
       EXPECT_EQ(before + rows, current(w.file));
@@ -173,12 +140,12 @@ TEST_F(side_records, four_fifths_are_held_back_and_one_byte_more_is_written) {
 
 TEST_F(side_records, a_row_that_does_not_fit_changes_places_with_the_rows_held_back) {
   for (const writer &w : writers)
-    for (const size_t more : {0, 1}) { // 512 bytes less the margin: 255 are held back
+    for (const int more : {0, 1}) {
       SCOPED_TRACE(testing::Message() << w.name << more);
-      *w.size = 512;
-      const std::string before = current(w.file);
-      const std::string held = fill(w, 180, 60), row = w.put(inst, now, 75 + more);
-      EXPECT_EQ(75 + more, row.size());
+      *w.size = 10000;
+      const std::string before = current(w.file), held = w.put(inst, now);
+      *w.size = static_cast<int>(2 * held.size() + 256) + 1 - more; // a margin of 256 bytes must be left
+      const std::string row = w.put(inst, now + 1);
       EXPECT_EQ(before + (more == 0 ? "" : w.row_first ? row + held : held + row), current(w.file));
       w.force(inst);
       EXPECT_EQ((before + held + row).size(), current(w.file).size());
@@ -189,50 +156,41 @@ TEST_F(side_records, a_row_that_does_not_fit_changes_places_with_the_rows_held_b
 TEST_F(side_records, each_row_goes_to_the_partition_of_its_own_time) {
   for (const writer &w : writers) {
     SCOPED_TRACE(w.name);
-    const std::string held = w.put(inst, begin, 70);
-    w.put(inst, begin - 1, 70);
-    w.put(inst, prev_begin - 1, 70);
-    EXPECT_EQ(2, traced(w.closed)) << "without the previous file its age does not matter";
-    EXPECT_EQ(0, traced(w.older));
+    const std::string closed = wllb_format("for previous partition, whereas the %s", w.noun);
+    const std::string older = wllb_format("for previous to previous partition, ignoring this %s", w.noun);
+    const std::string held = w.put(inst, begin);
+    w.put(inst, begin - 1);
+    w.put(inst, prev_begin - 1);
+    EXPECT_EQ(2, traced(closed)) << "without the previous file its age does not matter";
+    EXPECT_EQ(0, traced(older));
     open_previous(w.slot);
-    const std::string late = w.put(inst, begin - 1, 70);
+    const std::string late = w.put(inst, begin - 1);
     EXPECT_EQ(late, previous(w.slot)) << "at once";
-    const std::string later = w.put(inst, prev_begin, 70);
+    const std::string later = w.put(inst, prev_begin);
     EXPECT_EQ(late + later, previous(w.slot));
-    w.put(inst, prev_begin - 1, 70);
-    EXPECT_EQ(1, traced(w.older));
-    EXPECT_EQ(2, traced(w.closed));
+    w.put(inst, prev_begin - 1);
+    EXPECT_EQ(1, traced(older));
+    EXPECT_EQ(2, traced(closed));
     EXPECT_EQ(wllb_format("9,5,tier_server_app/%s\n9,5,tier_server_app/%s\n", w.file, w.file), done());
     w.force(inst);
     EXPECT_EQ(held, current(w.file));
   }
 }
 
-TEST_F(side_records, rows_are_lost_without_their_file_and_later_ones_are_not) {
+TEST_F(side_records, rows_are_lost_without_their_file_and_later_ones_come_with_the_instance_s_state) {
   for (const writer &w : writers) {
     SCOPED_TRACE(w.name);
-    *w.size = 512;
     const int told = traced(w.unwritten);
     block(data(w.file));
-    w.put(inst, now, 70);
+    w.put(inst, now);
     w.force(inst);
     EXPECT_EQ(told + 1, traced(w.unwritten));
     std::filesystem::remove(data(w.file));
     w.force(inst);
-    const std::string row = w.put(inst, now, 70);
-    w.force(inst);
+    const std::string row = w.put(inst, now);
+    csv_dump_all_files(inst);
     EXPECT_EQ(row, current(w.file));
   }
-  EXPECT_EQ(1, traced("csv file '" + data("TQExceptions.csv") + "'"));
-}
-
-TEST_F(side_records, a_partition_s_last_rows_are_written_with_the_instance_s_state) {
-  std::string rows[std::size(writers)];
-  for (size_t i = 0; i < std::size(writers); ++i)
-    rows[i] = writers[i].put(inst, now, 70);
-  csv_dump_all_files(inst);
-  for (size_t i = 0; i < std::size(writers); ++i)
-    EXPECT_EQ(rows[i], current(writers[i].file)) << writers[i].name;
 }
 
 // --- rows by hand -----------------------------------------------------------------------------------------------
@@ -253,15 +211,10 @@ TEST_F(side_records, an_argument_s_net_time_below_0_prints_as_0) {
 
 TEST_F(side_records, a_custom_value_has_the_time_of_its_flowpath_s_number) {
   const int64_t fpi = int64_t{2500999} << 8 | 0x40000000000000A5;
-  const std::string tuple = std::to_string(fpi) + ":1:2:3";
-  const std::string text(3000, 'x');
+  const std::string tuple = std::to_string(fpi) + ":1:2:3", text(3000, 'x');
   custom_data_row row = {tuple.c_str(), 12, "amount", 1, -250, "-2,50"};
   csv_dump_http_header_req_rsp_info(inst, &row, 0);
   row.value = text.c_str();
-  row.fpi_text = "255:1"; // no time at all, in an older partition
-  open_previous(HTTP_CAPTURE_HEADER_CSV_FP);
-  csv_dump_http_header_req_rsp_info(inst, &row, 0);
-  EXPECT_EQ(1, traced("ignoring this http header data record, fpi = 255:1"));
   ts_org_mask = UINT64_MAX;
   tqe_seqno_of_bits = 64 + 1;
   row.fpi_text = "-1";
@@ -280,22 +233,13 @@ TEST_F(side_records, an_execution_goes_to_the_partition_of_its_end) {
     csv_dump_sql_record(inst, &segment, {81, begin_ms, wall, 12, status});
   };
   dump(1999000, 999.99, 'E'); // ends before the partition begins, whose previous file is closed
-  EXPECT_EQ(
-      1,
-      traced(
-          "Raw data received for previous partition, whereas the sql record csv file pointer is closed, flowpath_instance = 81"));
+  EXPECT_EQ(1, traced("previous partition, whereas the sql record csv file pointer is closed"));
   open_previous(SQL_RECORD_TABLE_FP);
   dump(1999000, 999.99, 'E');
   dump(999000, 999.99, 'E');
-  EXPECT_EQ(
-      1,
-      traced("Raw data received for previous to previous partition, ignoring this sql record, flowpath_instance = 81"));
+  EXPECT_EQ(1, traced("previous to previous partition, ignoring this sql record, flowpath_instance = 81"));
   EXPECT_EQ("81,3,4,5,1999,999,12,E,0\n", previous(SQL_RECORD_TABLE_FP));
   EXPECT_EQ("9,5,tier_server_app/TQSQLRecord.csv\n", done());
-  block(data("TQSQLRecord.csv"));
-  dump(1999000, 1000, 'a');
-  EXPECT_EQ(1, traced("Could not write to sql record csv file"));
-  std::filesystem::remove(data("TQSQLRecord.csv"));
   dump(1999000, 1000, 'a');
   segment.bci_urlid = 1;
   tqp_store_loc2norm(inst, LOC2NORM_URL, 1, 9 | norm_id_flag);
@@ -330,13 +274,7 @@ protected:
     return text;
   }
 
-  // The rows that a record adds; `id` 38 has all the fields, 31 leaves out numbers 3 to 6.
-  std::string rows_of(std::vector<std::string> fields, int id = 38) {
-    if (id == 31)
-      fields.erase(fields.begin() + 2, fields.begin() + 6);
-    return rows_of(id, joined(fields));
-  }
-
+  // The rows that a record adds.
   std::string rows_of(int id, const std::string &fields) {
     const size_t before = current("TQExceptions.csv").size();
     run(tq_run_exception, id, fields);
@@ -344,10 +282,13 @@ protected:
     return current("TQExceptions.csv").substr(before);
   }
 
+  // Record 38 has all the fields, 31 leaves out numbers 3 to 6.
   std::string rows_with(size_t field, const std::string &text, int id = 38) {
     std::vector<std::string> fields = full;
     fields[field] = text;
-    return rows_of(fields, id);
+    if (id == 31)
+      fields.erase(fields.begin() + 2, fields.begin() + 6);
+    return rows_of(id, joined(fields));
   }
 
   uint32_t bad_records() {
@@ -356,26 +297,20 @@ protected:
   }
 };
 
-TEST_F(exceptions, ids_become_norm_ids) {
-  EXPECT_EQ(full_row, rows_of(full));
-  EXPECT_EQ("79,3,4,5,2500,202,303,404,42,505,606,708,-1,0,0,-1\n", rows_of(full, 31));
-  EXPECT_EQ(2U, inst->excp_counts);
-}
-
 TEST_F(exceptions, a_record_cut_anywhere_is_incomplete_or_whole) {
-  const std::string record = joined(full);
-  for (const int id : {38, 31}) {
+  const std::pair<int, std::string> rows[] = {{38, full_row},
+                                              {31, "79,3,4,5,2500,202,303,404,42,505,606,708,-1,0,0,-1\n"}};
+  for (const auto &[id, row] : rows) {
     std::vector<std::string> fields = full;
     if (id == 31)
       fields.erase(fields.begin() + 2, fields.begin() + 6);
     const std::string whole = joined(fields);
+    EXPECT_EQ(row, rows_of(id, whole));
     for (size_t cut = 0; cut <= whole.size(); ++cut) {
-      SCOPED_TRACE(testing::Message() << id << whole.substr(0, cut));
       const uint32_t bad = bad_records();
-      const auto commas = static_cast<size_t>(std::count(whole.begin(), whole.begin() + static_cast<long>(cut), ','));
-      const std::string rows = rows_of(id, whole.substr(0, cut));
-      EXPECT_EQ(commas == fields.size() - 1, !rows.empty());
-      EXPECT_EQ(commas == fields.size() - 1 ? bad : bad + 1, bad_records());
+      const bool has_all = cut > whole.rfind(',');
+      EXPECT_EQ(has_all, !rows_of(id, whole.substr(0, cut)).empty()) << id << whole.substr(0, cut);
+      EXPECT_EQ(has_all ? bad : bad + 1, bad_records());
     }
     const uint32_t bad = bad_records();
     EXPECT_EQ("", rows_of(id, whole + ","));
@@ -386,59 +321,48 @@ TEST_F(exceptions, a_record_cut_anywhere_is_incomplete_or_whole) {
 
 TEST_F(exceptions, each_field_empty_unknown_or_at_the_edge) {
   const struct {
-    const char *empty; // the row with this field empty
-    int size;          // an id above it is unknown; 0: not an id
-    const char *edge;  // the row with the size for an id
-    const char *unknown;
+    std::pair<const char *, const char *>
+        empty;           // what the row has there when all is well, and when this field is empty
+    int size;            // an id above it is unknown; 0: not an id
+    const char *at_size; // as `empty`, with the size for an id
+    const char *record;  // that makes such an id known
   } fields[] = {
-      {"0,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,807\n", 0, "", ""},
-      {"", 0, "", ""}, // time 0: an older partition
-      {"79,3,4,5,2500,202,303,404,42,505,606,708,-1,12,2,807\n", 16384,
-       "79,3,4,5,2500,202,303,404,42,505,606,708,-1,12,2,807\n",
-       "Method Id found for which meta data record 5 not found."},
-      {"79,3,4,5,2500,202,303,404,42,505,606,708,101,0,2,807\n", 0, "", ""},
-      {"79,3,4,5,2500,202,303,404,42,505,606,708,101,12,0,7\n", 0, "", ""},
-      {"79,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,-1\n", 7,
-       "79,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,807\n",
-       "Backend subtype found for which meta data record 22 not found."},
-      {"79,3,4,5,2500,0,303,404,42,505,606,708,101,12,2,807\n", 4096,
-       "79,3,4,5,2500,0,303,404,42,505,606,708,101,12,2,807\n",
-       "Class Id found for which meta data record 32 not found."},
-      {"79,3,4,5,2500,202,0,404,42,505,606,708,101,12,2,807\n", 4096,
-       "79,3,4,5,2500,202,0,404,42,505,606,708,101,12,2,807\n",
-       "Throwing Class Id found for which meta data record 33 not found."},
-      {"79,3,4,5,2500,202,303,0,42,505,606,708,101,12,2,807\n", 4096,
-       "79,3,4,5,2500,202,303,0,42,505,606,708,101,12,2,807\n",
-       "Throwing method Id found for which meta data record 34 not found."},
-      {"79,3,4,5,2500,202,303,404,0,505,606,708,101,12,2,807\n", 0, "", ""},
-      {"79,3,4,5,2500,202,303,404,42,0,606,708,101,12,2,807\n", 4096,
-       "79,3,4,5,2500,202,303,404,42,0,606,708,101,12,2,807\n",
-       "Message Id found for which meta data record 35 not found."},
-      {"79,3,4,5,2500,202,303,404,42,505,0,708,101,12,2,807\n", 4096,
-       "79,3,4,5,2500,202,303,404,42,505,0,708,101,12,2,807\n",
-       "Cause Id found for which meta data record 37 not found."},
-      {"79,3,4,5,2500,202,303,404,42,505,606,0,101,12,2,807\n", 4096,
-       "79,3,4,5,2500,202,303,404,42,505,606,0,101,12,2,807\n",
-       "Stack Trace Id found for which meta data record 36 not found."},
+      {{"79,", "0,"}, 0, "", ""},
+      {{full_row.c_str(), ""}, 0, "", ""}, // time 0: an older partition
+      {{",101,", ",-1,"}, 16384, ",-1,", "Method Id found for which meta data record 5 "},
+      {{",12,", ",0,"}, 0, "", ""},
+      {{",2,807", ",0,7"}, 0, "", ""},
+      {{",807", ",-1"}, 7, ",807", "Backend subtype found for which meta data record 22 "},
+      {{",202,", ",0,"}, 4096, ",0,", "Class Id found for which meta data record 32 "},
+      {{",303,", ",0,"}, 4096, ",0,", "Throwing Class Id found for which meta data record 33 "},
+      {{",404,", ",0,"}, 4096, ",0,", "Throwing method Id found for which meta data record 34 "},
+      {{",42,", ",0,"}, 0, "", ""},
+      {{",505,", ",0,"}, 4096, ",0,", "Message Id found for which meta data record 35 "},
+      {{",606,", ",0,"}, 4096, ",0,", "Cause Id found for which meta data record 37 "},
+      {{",708,", ",0,"}, 4096, ",0,", "Stack Trace Id found for which meta data record 36 "},
   };
 
+  const auto changed = [&](const char *from, const char *to) {
+    std::string row = full_row;
+    return row.replace(row.find(from), strlen(from), to);
+  };
   ASSERT_EQ(full.size(), std::size(fields));
   for (size_t i = 0; i < std::size(fields); ++i) {
     SCOPED_TRACE(i);
-    EXPECT_EQ(fields[i].empty, rows_with(i, ""));
+    const auto &[was, empty] = fields[i].empty;
+    EXPECT_EQ(changed(was, empty), rows_with(i, ""));
     if (fields[i].size == 0)
       continue;
-    EXPECT_EQ(fields[i].edge, rows_with(i, std::to_string(fields[i].size)));
+    EXPECT_EQ(changed(was, fields[i].at_size), rows_with(i, std::to_string(fields[i].size)));
     for (const char *id : {"999999", "4294967298", "99999999999999999999"})
       EXPECT_EQ("", rows_with(i, id));
-    EXPECT_EQ(3, traced(std::string("; ") + fields[i].unknown));
+    EXPECT_EQ(3, traced(std::string("; ") + fields[i].record));
     EXPECT_NE("", rows_with(i, "-5"));
   }
   EXPECT_EQ(0U, bad_records());
   EXPECT_EQ("", rows_with(5, "8")) << "known, but above the number of queries";
-  EXPECT_EQ("79,3,4,5,2500,202,303,404,42,505,606,708,101,12,2,-1\n", rows_with(5, "1")) << "not known, but below it";
-  EXPECT_EQ("79,3,4,5,2500,202,303,404,42,505,606,708,101,12,3,999999\n",
-            rows_of({"79", "2500", "1", "12", "3", "999999", "2", "3", "4", "42", "5", "6", "8"}))
+  EXPECT_EQ(changed(",807", ",-1"), rows_with(5, "1")) << "not known, but below it";
+  EXPECT_EQ(changed(",2,807", ",3,999999"), rows_of(38, "79,2500,1,12,3,999999,2,3,4,42,5,6,8"))
       << "a subtype is a query's id with backend type 2 alone";
 }
 
@@ -467,7 +391,6 @@ TEST_F(exceptions, only_those_of_the_current_partition_are_counted) {
   open_previous(EXCP_DATA_CSV_FP);
   for (const char *time : {"1999", "999", "2000"})
     rows_with(1, time);
-  EXPECT_EQ("79,3,4,5,1999,202,303,404,42,505,606,708,101,12,2,807\n", previous(EXCP_DATA_CSV_FP));
   EXPECT_EQ(1U, inst->excp_counts);
 }
 
@@ -556,18 +479,8 @@ TEST_F(jms, sections_become_rows_in_the_order_of_their_places) {
             rows_of("Header={id={ID:7} \ttype={}}Properties={a b={{x={1}}}}Text={hello, {you}}"));
   EXPECT_EQ("", notes);
   EXPECT_EQ(1, traced("More fields than expected.")) << "the comma is told, and stays";
-  const std::vector<std::pair<std::string, std::string>> sections = {
-      {"Header={h={1}}", "0,%d,h,1\n"}, {"Properties={p={2}}", "1,%d,p,2\n"}, {"Text={t={3}}", "2,%d,t,3\n"}};
-  std::vector<int> order = {0, 1, 2};
-  do {
-    std::string payload, expected;
-    for (size_t i = 0; i < 3; ++i) {
-      payload += "x " + sections[static_cast<size_t>(order[i])].first;
-      std::string row = "81,2500250," + sections[static_cast<size_t>(order[i])].second;
-      expected += row.replace(row.find("%d"), 2, std::to_string(i + 1));
-    }
-    EXPECT_EQ(expected, rows_of(payload)) << payload;
-  } while (std::next_permutation(order.begin(), order.end()));
+  EXPECT_EQ("81,2500250,2,1,t,3\n81,2500250,0,2,h,1\n81,2500250,1,3,p,2\n",
+            rows_of("x Text={t={3}}x Header={h={1}}x Properties={p={2}}"));
 }
 
 TEST_F(jms, missing_sections_are_told_on_standard_error) {
@@ -579,9 +492,6 @@ TEST_F(jms, missing_sections_are_told_on_standard_error) {
     EXPECT_EQ("", rows_of(payload)) << payload;
     EXPECT_EQ("Data not found\n", notes) << payload;
   }
-  for (const char *fields : {"", "81", "81,2500250"})
-    run(tq_run_jms, TQ_EV_JMS, fields);
-  EXPECT_EQ(3, traced("Found incomplete record, skipping."));
 }
 
 TEST_F(jms, any_damage_reads_as_a_second_reader_reads_it) {
@@ -610,32 +520,26 @@ TEST_F(jms, any_damage_reads_as_a_second_reader_reads_it) {
 
 TEST_F(jms, rows_that_outgrow_the_buffer_follow_the_rows_held_back) {
   max_buffered_jms_bufsize = 4096;
-  const std::string held = put_jms(inst, now, 100);
+  const std::string held = put_jms(inst, now);
   std::string payload = "Header={", expected;
   for (int i = 1; i <= 600; ++i) { // 3 KB make 15 KB
     payload += "k={}";
     expected += wllb_format("81,2500250,0,%d,k,\n", i);
   }
-  CaptureStderr();
-  run(tq_run_jms, TQ_EV_JMS, "81,2500250," + payload + "}");
-  GetCapturedStderr();
-  EXPECT_EQ(held + expected, current("TQJMS.csv"));
+  EXPECT_EQ(held + expected, rows_of(payload + "}"));
   EXPECT_LT(inst->jms_data_buf.size, 2U * 4096) << "the memory goes with the message";
   EXPECT_EQ(0, traced("buffer is 80% full"));
 }
 
 TEST_F(jms, a_payload_as_long_as_what_is_left_writes_out_the_rows_held_back) {
-  max_buffered_jms_bufsize = 4096;
-  const std::string held = put_jms(inst, now, 100);
-  std::string payload = "Header={}Properties={}Text={}";
-  payload.resize(4096 - 100 - 1, '.');
-  csv_dump_jms_data(inst, 81, now * 1000, payload.c_str(), payload.size(), 0);
-  EXPECT_EQ("", current("TQJMS.csv"));
-  const size_t rows = inst->jms_data_buf.len;
-  payload.resize(4096 - rows, '.');
-  csv_dump_jms_data(inst, 81, now * 1000, payload.c_str(), payload.size(), 0);
-  EXPECT_EQ(rows, current("TQJMS.csv").size());
-  EXPECT_EQ(rows - held.size(), inst->jms_data_buf.len);
+  const std::string held = put_jms(inst, now),
+                    payload = "Header={=}Properties={=}Text={value}" + std::string(1000, '.');
+  for (const int more : {1, 0}) {
+    max_buffered_jms_bufsize = static_cast<int>(inst->jms_data_buf.len + payload.size()) + more;
+    EXPECT_EQ("", current("TQJMS.csv"));
+    csv_dump_jms_data(inst, 81, now * 1000, payload.c_str(), payload.size(), 0);
+  }
+  EXPECT_EQ(held + "81,2500000,2,1,,value\n", current("TQJMS.csv"));
 }
 
 } // namespace

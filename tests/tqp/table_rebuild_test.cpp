@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <random>
+#include <tuple>
 
 namespace {
 
@@ -59,64 +60,49 @@ TEST_F(table_rebuild, every_table_gets_its_own_rows) {
            "5,0,a.b.C.m()V\n3,1,a.b.C\n0,0,Unknown\n1,2,a.b\n2,3,app\n7,6,Login\n4,6,Logout,x\n");
   put_file(common("TQHTTPHeaderMetaData.csv"), "Host,2\n ,1\n");
 
-  struct row {
-    const char *file;
-    NormObjKey *table;
-  };
-
-  const row by_id[] = {{"TQExceptionClass.csv", &key_excp_cls_id},
-                       {"TQExceptionThrowingClass.csv", &key_excp_thr_cls_id},
-                       {"TQExceptionThrowingMethod.csv", &key_excp_thr_mtd_id},
-                       {"TQExceptionMessage.csv", &key_excp_msg_id},
-                       {"TQExceptionStackTrace.csv", &key_excp_st_id},
-                       {"TQExceptionCause.csv", &key_excp_cause_id},
-                       {"TQIPResourceMetaData.csv", &key_resource_id}};
-  for (const row &row : by_id)
-    put_file(common(row.file), wllb_format("9,text of %s\n0,-", row.file)); // the last line is not ended
+  const std::pair<const char *, NormObjKey *> by_id[] = {{"TQExceptionClass.csv", &key_excp_cls_id},
+                                                         {"TQExceptionThrowingClass.csv", &key_excp_thr_cls_id},
+                                                         {"TQExceptionThrowingMethod.csv", &key_excp_thr_mtd_id},
+                                                         {"TQExceptionMessage.csv", &key_excp_msg_id},
+                                                         {"TQExceptionStackTrace.csv", &key_excp_st_id},
+                                                         {"TQExceptionCause.csv", &key_excp_cause_id},
+                                                         {"TQIPResourceMetaData.csv", &key_resource_id}};
+  for (const auto &[file, table] : by_id)
+    put_file(common(file), wllb_format("9,text of %s\n0,-", file)); // the last line is not ended
   put_file(common("TQURLTable.csv"), "1001,1073741824,-1,0,0,0,-,0,'-'\n1001,1073741827,-1,0,0,0,/shop,0,'-'\n");
   put_file(common("TQSQL.csv"), "0,12,1,select * from cart\n");
   put_file(common("TQFPSignature.csv"), "A1B2,6\n");
   for (const int signatures : {0, 1}) {
     tqp_generate_fp_signatures = signatures;
     rebuild();
-    EXPECT_EQ(5, id_of(&key_method_id, "a.b.C.m()V"));
-    EXPECT_EQ(0, id_of(&key_method_id, "Unknown"));
-    EXPECT_EQ(3, id_of(&key_class_id, "a.b.C"));
-    EXPECT_EQ(-2, id_of(&key_class_id, "a.b.C.m()V"));
-    EXPECT_EQ(1, id_of(&key_package_id, "a.b"));
-    EXPECT_EQ(4, id_of(&key_bci_arg, "Logout")) << "a name ends at its first comma";
-    EXPECT_EQ(2, id_of(&key_http_header_id, "Host"));
-    EXPECT_EQ(1, id_of(&key_http_header_id, " "));
-    for (const row &row : by_id) {
-      EXPECT_EQ(9, id_of(row.table, std::string("text of ") + row.file));
-      EXPECT_EQ(0, id_of(row.table, "-"));
-    }
+    const std::tuple<int, NormObjKey *, const char *> expected[] = {{5, &key_method_id, "a.b.C.m()V"},
+                                                                    {0, &key_method_id, "Unknown"},
+                                                                    {3, &key_class_id, "a.b.C"},
+                                                                    {-2, &key_class_id, "a.b.C.m()V"},
+                                                                    {1, &key_package_id, "a.b"},
+                                                                    {4, &key_bci_arg, "Logout"},
+                                                                    {2, &key_http_header_id, "Host"},
+                                                                    {1, &key_http_header_id, " "},
+                                                                    {12, &key_sql_query, "select * from cart"},
+                                                                    {signatures ? 6 : -2, &key_signature, "A1B2"}};
+    for (const auto &[id, table, text] : expected)
+      EXPECT_EQ(id, id_of(table, text)) << text;
+    for (const auto &[file, table] : by_id)
+      EXPECT_EQ(9, id_of(table, std::string("text of ") + file));
     EXPECT_EQ(3, id_of(&key_url_id, "/shop") & ~norm_id_flag);
-    EXPECT_EQ(12, id_of(&key_sql_query, "select * from cart"));
-    EXPECT_EQ(signatures ? 6 : -2, id_of(&key_signature, "A1B2"));
     int is_new;
     EXPECT_EQ(6, wllb_get_or_gen_norm_id(&key_method_id, "new", 0, &is_new)) << "above the highest";
     EXPECT_EQ(norm_id_flag | 4, wllb_get_or_gen_norm_id(&key_url_id, "new", 0, &is_new) | norm_id_flag);
   }
-  EXPECT_EQ(2, traced("Normalization Tables created from metadata csv files"));
   EXPECT_EQ(0, traced("|Warning|"));
 }
 
 TEST_F(table_rebuild, a_bad_row_is_told_and_the_others_load) {
   const std::string long_name(65535 - 4, 'n'); // with its id and type all that is read of a line
-  const std::string bad[] = {"",
-                             "7",
-                             "7,0",
-                             ",",
-                             "-7,0,negative",
-                             "x",
-                             std::string("7,\0"
-                                         "0,nul",
-                                         9)};
   std::string rows;
-  for (const std::string &row : bad)
-    rows += row + "\n" + "1,0,good\n";
-  rows += "2,0," + long_name + "9,0,spoof\n2147483647,0,last possible\n3,0,good";
+  for (const char *bad : {"", "7", "7,0", ",", "-7,0,negative", "x"})
+    rows += std::string(bad) + "\n1,0,good\n";
+  rows += std::string("7,\0", 3) + "0,nul\n2,0," + long_name + "9,0,spoof\n2147483647,0,last possible\n3,0,good";
   put_file(common("TQMetaData.csv"), rows);
   rebuild();
   EXPECT_EQ(1, id_of(&key_method_id, "good")) << "the first id of a text stays";
@@ -124,7 +110,6 @@ TEST_F(table_rebuild, a_bad_row_is_told_and_the_others_load) {
   EXPECT_EQ(-2, id_of(&key_method_id, "negative"));
   EXPECT_EQ(-2, id_of(&key_method_id, "spoof"));
   EXPECT_EQ(4 * 6 + 1, traced("|Warning|")) << "six short rows in each of four readings, and one bad id";
-  EXPECT_EQ(4, traced("Number of fields are less than expected in the read line '7,0'"));
 }
 
 TEST_F(table_rebuild, tags_come_back_without_their_quotes) {
@@ -135,9 +120,6 @@ TEST_F(table_rebuild, tags_come_back_without_their_quotes) {
   EXPECT_EQ(2U, lookup_name_str_32(key_tags, "it's"));
   EXPECT_EQ(wllb_string_absent, lookup_name_str_32(key_tags, "x"));
   EXPECT_EQ(4U, count_tags);
-  uint32_t id;
-  EXPECT_FALSE(get_norm_id(&count_tags, "{}", 2, &id, TQ_EV_TAGS));
-  EXPECT_EQ(5U, id);
 }
 
 TEST_F(table_rebuild, only_the_newest_nonprepared_queries_load) {
@@ -151,7 +133,6 @@ TEST_F(table_rebuild, only_the_newest_nonprepared_queries_load) {
   put_file(common("TQSQL_nonprepared.csv.prev"), queries(0, 100));
   rebuild(9);
   expect_loaded(0, 0); // without its file the former one is not looked at
-  EXPECT_EQ(0, traced("Normalization Tables created"));
   put_file(common("TQSQL_nonprepared.csv"), queries(100, 200));
   tqp_num_nonprep_sql_load_at_init = 30;
   for (const int kind : {9, -1}) {
@@ -162,7 +143,6 @@ TEST_F(table_rebuild, only_the_newest_nonprepared_queries_load) {
   tqp_num_nonprep_sql_load_at_init = 150;
   rebuild(9);
   expect_loaded(49, 200);
-  EXPECT_EQ(2, traced("Read last 100 lines of file: '") + traced("Read last 51 lines of file: '"));
   tqp_num_nonprep_sql_load_at_init = -1;
   rebuild(9);
   expect_loaded(0, 200);
