@@ -97,31 +97,10 @@ TEST_F(file_set, a_file_lives_for_its_partition_and_one_more) {
   EXPECT_EQ(0, open_slots()) << "files without a previous generation are closed";
 }
 
-TEST_F(file_set, streams_in_mode_a_always_write_at_the_end) {
-  const std::string path = data("shared.csv");
-  const wllb_file one(my_fopen(path.c_str(), "a")), two(my_fopen(path.c_str(), "a"));
-  for (const char *row : {"1\n", "2\n", "3\n"})
-    for (FILE *stream : {one.get(), two.get()}) {
-      fputs(row, stream);
-      fflush(stream);
-    }
-  EXPECT_EQ("1\n1\n2\n2\n3\n3\n", file_text(path));
-}
-
-TEST_F(file_set, a_path_may_grow_and_shrink_in_place) {
-  for (const std::string &name :
-       {std::string(19, '1'), std::string("2"), std::string(60, '3'), std::string(), std::string(63, '4')}) {
-    set_csvfilepath_in_tqp_instance(inst, name.c_str());
-    EXPECT_EQ(run_dir() + name + "/tq/csv/tier_server_app/", inst->csvfilepath);
-    EXPECT_EQ(run_dir() + "tq/csv/", inst->commoncsvfilepath);
-  }
-}
-
 TEST_F(file_set, binary_timing_rows_go_to_the_dat_file) {
   tqp_binary_format_for_method_timing = 1;
   const std::string dat = run_dir() + partition + "/tq/dat/tier_server_app_MethodTiming.dat";
   create_csv_files(inst, 0);
-  EXPECT_TRUE(wllb_path_exists(dat.c_str()));
   create_csv_files(inst, 1);
   fputs("binary", inst->csv_file_pointers[METHOD_TIMING_CSV_FP]);
   csv_dump_all_files(inst);

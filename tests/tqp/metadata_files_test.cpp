@@ -76,28 +76,6 @@ TEST_F(metadata_rows, each_text_is_written_whole_and_unquoted) {
   }
 }
 
-TEST_F(metadata_rows, a_row_at_the_end_of_its_buffer_stays_whole) {
-  max_buffered_meta_data_bufsize = 128;
-  open_files();
-  std::string expected;
-  for (size_t size = 64; size < 140; ++size) {
-    const std::string text(size, 'a');
-    csv_dump_meta_data(inst, INT32_MIN, -2147483647, text.c_str(), 0);
-    expected += "-2147483648,-2147483647," + text + "\n";
-  }
-  EXPECT_EQ(expected, file_text(common("TQMetaData.csv")));
-  tqp_free_metadata_buffers(inst);
-}
-
-TEST_F(metadata_rows, force_without_a_row_writes_only_the_extended_row) {
-  tqp_extended_metadata = 1;
-  start_partition_idx = stoll(partition); // nothing new is discovered, so an offline run goes on
-  open_files();
-  csv_dump_meta_data(inst, 4, METADATA_TYPE_CLASS, nullptr, 1);
-  EXPECT_EQ("", file_text(common("TQMetaData.csv")));
-  EXPECT_EQ(extended_row(4, METADATA_TYPE_CLASS), file_text(common("TQMetaDataEx.csv")));
-}
-
 TEST_F(metadata_rows, a_file_that_does_not_open_loses_the_row_but_not_the_next_one) {
   tqp_extended_metadata = 1;
   for (const writer &w : writers) {
@@ -113,61 +91,41 @@ TEST_F(metadata_rows, a_file_that_does_not_open_loses_the_row_but_not_the_next_o
   }
 }
 
-TEST_F(metadata_rows, a_start_truncates_or_keeps_and_the_end_leaves_three_files_open) {
-  std::set<std::string> names = {"TQTags.csv", "TQSQL_nonprepared.csv.prev"};
-  for (const writer &w : writers)
-    names.insert(w.file);
-  for (const int resumed : {0, 1}) {
-    SCOPED_TRACE(resumed);
-    resume_flag = tqp_extended_metadata = resumed;
-    std::filesystem::remove_all(common(""));
-    if (resumed)
-      names.insert("TQMetaDataEx.csv");
-    mkdir_ex(common("").c_str());
-    for (const std::string &name : names)
-      put_file(common(name), "old\n");
-    open_files();
-    for (const std::string &name : names)
-      EXPECT_EQ(resumed ? "old\n" : "", file_text(common(name))) << name;
-    EXPECT_EQ(nullptr, metadata_csv_fp[SQL_TABLE_NONPREP_PREV_CSV_IDX]);
-    tq_close_metadata_file();
-    for (int idx = 0; idx < __NUM_METADATA_CSV_IDX__; ++idx) {
-      const bool stays = idx == SQL_TABLE_NONPREP_CSV_IDX || idx == TAGS_TABLE_CSV_IDX ||
-                         (idx == METADATA_EX_CSV_IDX && tqp_extended_metadata);
-      EXPECT_EQ(stays, metadata_csv_fp[idx] != nullptr) << idx;
-    }
+TEST_F(metadata_rows, the_end_leaves_three_files_open) {
+  tqp_extended_metadata = 1;
+  std::filesystem::remove_all(run_dir() + "tq"); // the start makes it
+  open_files();
+  EXPECT_EQ(nullptr, metadata_csv_fp[SQL_TABLE_NONPREP_PREV_CSV_IDX]);
+  tq_close_metadata_file();
+  for (int idx = 0; idx < __NUM_METADATA_CSV_IDX__; ++idx) {
+    const bool stays = idx == SQL_TABLE_NONPREP_CSV_IDX || idx == TAGS_TABLE_CSV_IDX || idx == METADATA_EX_CSV_IDX;
+    EXPECT_EQ(stays, metadata_csv_fp[idx] != nullptr) << idx;
   }
 }
 
 TEST_F(metadata_rows, rows_of_four_threads_do_not_mix) {
-  tqp_extended_metadata = 1;
   max_buffered_meta_data_bufsize = 256; // the longer rows go around the buffer
   constexpr int rows = 200;             // the first one of each file opens it
   tqp_instance_t instances[4];
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
+  std::multiset<std::string> expected, found;
+  const auto text = [](int t, int i) { return std::string(static_cast<size_t>(i * 3), static_cast<char>('a' + t)); };
+  for (int t = 0; t < 4; ++t) {
     begin_instance(instances[t], wllb_format("tier_server_app%d", t).c_str());
+    for (int i = 0; i < rows; ++i)
+      expected.insert(wllb_format("%d,%d,%s", t * rows + i, t, text(t, i).c_str()));
+  }
   for (int t = 0; t < 4; ++t)
     threads.emplace_back([&, t] {
-      for (int i = 0; i < rows; ++i) {
-        const std::string text(static_cast<size_t>(i * 3), static_cast<char>('a' + t));
-        csv_dump_meta_data(&instances[t], t * rows + i, t, text.c_str(), 0);
-        csv_dump_sql_table(&instances[t], t, text.c_str(), -1, t * rows + i, 0, i % 2);
-      }
+      for (int i = 0; i < rows; ++i)
+        csv_dump_meta_data(&instances[t], t * rows + i, t, text(t, i).c_str(), 0);
     });
   for (std::thread &thread : threads)
     thread.join();
-  std::multiset<std::string> expected, found;
-  for (int t = 0; t < 4; ++t)
-    for (int i = 0; i < rows; ++i)
-      expected.insert(wllb_format("%d,%d,%s", t * rows + i, t,
-                                  std::string(static_cast<size_t>(i * 3), static_cast<char>('a' + t)).c_str()));
   std::ifstream file(common("TQMetaData.csv"));
   for (std::string line; std::getline(file, line);)
     found.insert(line);
   EXPECT_EQ(expected, found);
-  const std::string extended = file_text(common("TQMetaDataEx.csv"));
-  EXPECT_EQ(8 * rows, std::count(extended.begin(), extended.end(), '\n'));
   for (tqp_instance_t &ended : instances)
     end_instance(ended);
 }
@@ -242,18 +200,6 @@ TEST_F(sql_rollover, comes_at_exactly_the_size_and_replaces_the_file_before) {
     EXPECT_EQ(begin, file_text(common(".TQSQL_nonprepared.csv.prev.offset")));
     EXPECT_EQ(-1, size_of(".TQSQL_nonprepared.csv.offset"));
   }
-}
-
-TEST_F(sql_rollover, never_comes_for_prepared_queries_or_size_0) {
-  open_files();
-  for (const int is_non_prepared : {0, 1}) {
-    tqp_sql_nonprep_rollover_size_mb = is_non_prepared ? 0 : 1;
-    grow_file_to(mb, "");
-    dump(1, is_non_prepared);
-    EXPECT_LE(mb, size_of("TQSQL_nonprepared.csv"));
-    EXPECT_EQ(0, size_of("TQSQL_nonprepared.csv.prev"));
-  }
-  EXPECT_EQ(row(1), file_text(common("TQSQL.csv")));
 }
 
 TEST_F(sql_rollover, a_rename_that_fails_is_told_and_loses_no_row) {

@@ -47,12 +47,12 @@ inline void id_index_prefetch_place(const id_index_t &index, int32_t id) {
 }
 
 template <class T> void id_index_prefetch_entry(const id_index_t &index, int32_t id, const T *entries) {
-  if (index.size == 0)
+  const int32_t position = index.size == 0 ? -1 : index.places[id_index_home(index, id)].position_plus_1 - 1;
+  if (position < 0)
     return;
-  const char *entry =
-      reinterpret_cast<const char *>(entries + index.places[id_index_home(index, id)].position_plus_1 - 1);
-  for (size_t line = 0; line < sizeof(T); line += 64)
-    __builtin_prefetch(entry + line, 1);
+  const auto *entry = reinterpret_cast<const char *>(entries + position);
+  __builtin_prefetch(entry, 1);
+  __builtin_prefetch(entry + 64, 1);
 }
 
 inline void id_index_clear(id_index_t &index) {

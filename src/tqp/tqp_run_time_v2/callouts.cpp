@@ -214,8 +214,9 @@ static void read_tail(callout *c) {
     return;
   c->status = "";
   char *rest = strchr(rsp, ':');
-  if (!rest++)
+  if (!rest)
     return;
+  ++rest;
   c->status = take_part(&rest);
   if (rest)
     c->query_parameter = rest;

@@ -19,9 +19,10 @@ static token_colons find_colons(char *token) {
   token_colons colons = {};
   char *at = token;
   for (char *&colon : colons) {
-    colon = at = strchr(at, ':');
-    if (!at++)
+    colon = strchr(at, ':');
+    if (!colon)
       break;
+    at = colon + 1;
   }
   return colons;
 }
