@@ -82,7 +82,8 @@ row() {
       middle = int((NR + 1) / 2)
       seconds = cpu[middle] > 0 ? cpu[middle] : 0.001
       shown = peak > 0 ? sprintf("%.1f", peak / 1024) : "-"
-      printf "%-12s %10.1f %14.0f %9.3f %9.3f %9s\n", name, bytes / 1e6 / seconds, lines / seconds, cpu[middle], wall[middle], shown
+      printf "%-12s %10.1f %14.0f ", name, bytes / 1e6 / seconds, lines / seconds
+      printf "%9.3f %9.3f %9s\n", cpu[middle], wall[middle], shown
     }'
 }
 
