@@ -51,6 +51,8 @@ TEST_F(tqp_test_run, discoveries_get_ids_and_rows_once) {
   // 36 lines, and the first once more: it is run ahead when the file is opened.
   EXPECT_EQ(37, counted("Raw Data Lines Processed"));
   EXPECT_EQ(static_cast<long>(fs::file_size(raw_path())), saved_offset());
+  EXPECT_TRUE(fs::exists(path("tq/logs/.tqp_version"))); // tell readers what layout to expect
+  EXPECT_TRUE(fs::exists(path(".use_csv_for_method_timing")));
 }
 
 TEST_F(tqp_test_run, records_may_arrive_cut_anywhere) {
