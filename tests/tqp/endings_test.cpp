@@ -67,7 +67,7 @@ TEST_F(endings, a_silent_flowpath_is_dead_after_more_than_ten_minutes) {
 
 TEST_F(endings, an_overdue_response_is_given_up_by_the_clock_of_the_data) {
   run_block(inst, header(5, 100) + asynchronous_flowpath(5) + header(6, 160));
-  EXPECT_TRUE(rows().empty()); // it waits for its response
+  EXPECT_TRUE(rows().empty());             // it waits for its response
   clear_async_resp_missed_flowpaths(inst); // the data is 60 s ahead: not above the limit
   EXPECT_TRUE(rows().empty());
   run_block(inst, header(7, 161));
