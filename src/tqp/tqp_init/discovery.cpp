@@ -148,7 +148,7 @@ static int walk_unfinished_partitions(int periodic) {
 }
 
 // No instance anywhere in the stretch: nobody else will say that its partitions are finished.
-static int finish_empty_partitions() WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
+static int finish_empty_partitions(int running_threads) WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
   std::string partition = g_cur_partition;
   for (;;) {
     std::string prev;
@@ -158,8 +158,8 @@ static int finish_empty_partitions() WLLB_REQUIRES(check_and_create_partition_do
       return 0;
     partition = prev;
     wllb_trace(1, "Info",
-               "As number of running threads = %d, so going to create .tqp_process_done_file in partition = %s", 0,
-               partition.c_str());
+               "As number of running threads = %d, so going to create .tqp_process_done_file in partition = %s",
+               running_threads, partition.c_str());
     tqp_create_partition_done_file(atoll(partition.c_str()));
   }
 }
@@ -169,13 +169,15 @@ int tqp_discover_instances(int periodic) {
   last_scandir_time = wllb_now();
   const int result = walk_unfinished_partitions(periodic);
   bool none;
+  int running_threads;
   {
     wllb_hold registry(tqp_imap_lock);
     none = total_instances == 0;
+    running_threads = total_num_running_threads;
   }
   if (periodic || !none)
     return result;
-  return finish_empty_partitions() < 0 ? -1 : result;
+  return finish_empty_partitions(running_threads) < 0 ? -1 : result;
 }
 
 // --- by name -------------------------------------------------------------------------------------------------------
