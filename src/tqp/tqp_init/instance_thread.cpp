@@ -13,6 +13,7 @@
 #include "tqp_recovery.h"
 #include "tqp_run_time_v2.h"
 #include "tqp_stat_mon.h"
+#include "tqp_tags.h"
 
 #include "wllb_partition.h"
 
@@ -283,6 +284,7 @@ void tqp_free_instance_data(tqp_instance_t *inst) {
   close_files(inst);
   free_buffers(inst);
   tqp_free_local_maps(inst);
+  tqp_free_global_texts(inst);
   tqp_free_flowpath_store(inst);
 }
 

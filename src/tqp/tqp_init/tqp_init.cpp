@@ -10,6 +10,7 @@
 #include "tqp_csv_files.h"
 #include "tqp_parse_keywords.h"
 #include "tqp_recovery.h"
+#include "tqp_tags.h"
 
 #include <unistd.h>
 
@@ -75,6 +76,7 @@ int tq_close() {
   }
   for (const norm_table_row &row : norm_tables)
     wllb_obj_hash_destroy(row.table);
+  tqp_free_auto_topology();
   remove_spawn_marker();
   return result;
 }

@@ -7,8 +7,10 @@
 
 #include "process_frame.h"
 #include "tag_ids.h"
+#include "tqp_fp_stats_mon.h"
 #include "tqp_init.h"
 #include "tqp_parse_keywords.h"
+#include "upload_child.h"
 #include "wllb_partition.h"
 
 #include <algorithm>
@@ -87,6 +89,26 @@ static void discover_instances() {
   wllb_exit(1);
 }
 
+static void start_upload_child() {
+  if (dbmode != 1)
+    return;
+  spawn_tqu_db_upload();
+  tqu_db_spawned = 1;
+}
+
+// Totals of the run before; the statistics go on from them.
+static void take_over_totals() {
+  if (enable_fp_stat_mon && set_cummulative_count() == 0)
+    wllb_trace(1, "Info", "Cummulative count read and set from file for instances.");
+}
+
+static void limit_upload_restarts() {
+  if (tqp_init_upload_recovery() == 0)
+    return;
+  fputs("Error in init_component_recovery_data ().\n", stderr);
+  wllb_exit(-1);
+}
+
 static void lower_priority_when_active() {
   if (lower_process_priority_flag && tqp_test_is_active())
     tqp_lower_priority();
@@ -135,8 +157,12 @@ static void begin_work(const tqp_command_line &given) {
   tqp_make_version_marker();
   clear_health_numbers();
   discover_instances();
+  start_upload_child();
+  take_over_totals();
   lower_priority_when_active();
+  limit_upload_restarts();
   mark_method_timing_format();
+  tqp_start_service_threads();
 }
 
 int main(int argc, char **argv) {

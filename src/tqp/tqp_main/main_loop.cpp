@@ -8,6 +8,8 @@
 #include "process_frame.h"
 #include "process_wake.h"
 #include "tqp_init.h"
+#include "tqp_stat_mon.h"
+#include "upload_child.h"
 
 #include <algorithm>
 #include <sys/syscall.h>
@@ -71,8 +73,13 @@ static void change_trace_level() {
 static void act_on_signals() {
   if (sig_trace_level_change)
     change_trace_level();
-  sig_dump_loc2norm_maps = 0;
-  sig_dump_cur_proccesing_status = 0;
+  check_and_process_sig_chld();
+  if (sig_dump_loc2norm_maps) {
+    process_sig_tqp_dump_loc2norm_maps();
+    tqp_install_signal_handler(SIGRTMIN + 5);
+  }
+  if (sig_dump_cur_proccesing_status)
+    process_sig_tqp_dump_current_processing_status();
 }
 
 void tqp_main_loop(int epfd) {

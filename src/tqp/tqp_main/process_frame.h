@@ -9,9 +9,8 @@
 // that directory instead of "/".
 #pragma once
 
+#include "process_sockets.h"
 #include "tqp_main.h"
-
-#include <sys/epoll.h>
 
 // --- command line (command_line.cpp) -------------------------------------------------------------------------------
 
@@ -87,9 +86,6 @@ void tqp_install_signal_handler(int signal);
 int tqp_signal_fd();
 void tqp_drain_signal_fd();
 
-// Cuts the main thread's sleep short. Any thread, and handlers.
-void tqp_wake_main();
-
 // Connected to no signal.
 extern std::atomic<int> sig_clean_threads;
 void clean_threads_sig_handler(int signal);
@@ -102,30 +98,10 @@ void tqp_main_loop(int epfd);
 // Waits for the other threads, makes the last done file after a normal end, closes everything, prints the last lines.
 void tqp_shutdown(int epfd);
 
-// --- descriptors and commands (process_sockets.cpp); any thread ----------------------------------------------------
+// --- the threads beside the instances' (service_threads.cpp) -------------------------------------------------------
 
-// An epoll descriptor, close-on-exec, owned by the caller. Ends the process with -1 when there is none.
-int tqp_epoll_init(int size);
+// Starts the threads that serve a collector and the parent's monitors, as far as the run has them.
+void tqp_start_service_threads();
 
-// One change of what an epoll descriptor watches; events carry `fd` as data. 0, or -1, traced.
-int tqp_add_select(int epfd, int fd, uint32_t events);
-int tqp_mod_select(int epfd, int fd, uint32_t events);
-void tqp_remove_select(int epfd, int fd);
-
-// Writes all of buf. len, or -1 (also for fd -1). A descriptor that is full is tried again and again.
-int tqp_send_message(int fd, const char *buf, int len);
-
-// Most bytes tqp_read_line gives at once.
-constexpr int tqp_line_room = 131072;
-
-// Reads until a newline has come; the text may go on behind it. buf takes tqp_line_room + 1 bytes and always ends in a
-// NUL. What came without a newline waits in *partial (owned by the caller) for the next call.
-//   above 0  bytes in buf, a newline among them
-//   0        the other side has closed, or the room is full without a newline
-//   -1       fd is -1, or a read error, traced
-//   -2       nothing more now: no text, or a part of a line that is kept in *partial
-int tqp_read_line(int fd, char *buf, std::string *partial);
-
-// Runs a shell command; its output is dropped. Words from outside must be quoted (wllb_shell_quote). Its exit status, 0
-// when it died on a signal, -1 when it could not be started.
-int tqp_run_cmd(const char *command);
+// Waits for those that were started.
+void tqp_join_service_threads();

@@ -4,7 +4,9 @@
 //   Thread  any; nothing is kept between calls but what the caller holds
 //   Failure by return value, traced; only an epoll descriptor that cannot be had ends the process
 
-#include "process_frame.h"
+#include "process_sockets.h"
+
+#include "tqp_main.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,6 +2,8 @@
 
 #include "process_state.h"
 
+#include "process_wake.h"
+
 #include <cstring>
 #include <unistd.h>
 
@@ -96,7 +98,8 @@ static void installation_init() {
   outside_paths = {.machine_conf_dir = "/home/vexorium/etc",
                    .cgroup_dir = "/sys/fs/cgroup/cpu/LimitCPU/",
                    .function_group_file = "/tmp/fngrp." + std::to_string(getpid()),
-                   .trace_level_conf = "/tmp/trace_level.conf"};
+                   .trace_level_conf = "/tmp/trace_level.conf",
+                   .dump_request_file = "/tmp/tqp_dump_loc2norm_maps.txt"};
 }
 
 // Only before threads start, hence no locks.
@@ -113,7 +116,7 @@ static void tables_and_files_init() WLLB_NO_THREAD_CHECK {
 }
 
 void tqp_process_state_init() {
-  wl_status = WL_RUNNING;
+  tqp_reset_wl_status();
   command_line_init();
   g_partition_idx = 0;
   g_cur_partition.clear();

@@ -68,6 +68,7 @@ struct tqp_outside_paths {
   std::string cgroup_dir;          // "/sys/fs/cgroup/cpu/LimitCPU/"
   std::string function_group_file; // "/tmp/fngrp.<pid>"
   std::string trace_level_conf;    // "/tmp/trace_level.conf"
+  std::string dump_request_file;   // "/tmp/tqp_dump_loc2norm_maps.txt"
 };
 
 extern tqp_outside_paths outside_paths;
@@ -91,7 +92,21 @@ extern thread_local tqp_instance_t *tqp_instance_tptr;
 
 // --- numbers of the health monitor, under tqp_mon_stat_info_mutex ------------------------------------------
 struct tqp_mon_stat_info_t {
+  // sizes of the common metadata files, MB
+  float http_header_meta_data_file_size_mb;
+  float tq_functional_group_meta_data_file_size_mb;
+  float tq_ip_resource_meta_data_file_size_mb;
+  float tq_exception_throwing_method_meta_data_file_size_mb;
+  float tq_exception_throwing_class_meta_data_file_size_mb;
+  float tq_exception_stacktrace_meta_data_file_size_mb;
+  float tq_exception_message_meta_data_file_size_mb;
+  float tq_exception_class_meta_data_file_size_mb;
+  float tq_exception_cause_meta_data_file_size_mb;
+  float tq_metadata_meta_data_file_size_mb;
+  float tq_url_table_meta_data_file_size_mb;
+  float tq_sql_meta_data_file_size_mb;
   uint32_t process_done_lag_count;                      // partitions begun minus partitions done
+  uint32_t instances_lag_count;                         // deleted instances behind the newest partition
   uint64_t scandir_ex_time_usec;                        // duration of the last directory scan
   uint32_t instance_discover_count_at_periodic_scandir; // instances found by timed scans
   uint32_t tqp_errors_count;                            // errors since the last sample

@@ -5,6 +5,8 @@
 #include "process_state.h"
 
 #include <chrono>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 static std::mutex process_wake_mutex;
 static std::condition_variable process_wake_cond;
@@ -18,9 +20,25 @@ void tqp_wake_all() {
   process_wake_cond.notify_all();
 }
 
+int tqp_stop_fd() {
+  static const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC); // the process's, for good
+  return fd;
+}
+
+void tqp_reset_wl_status() {
+  wl_status = WL_RUNNING;
+  uint64_t count;
+  [[maybe_unused]] const ssize_t got = read(tqp_stop_fd(), &count, sizeof count);
+}
+
 void tqp_set_wl_status(char status) {
   wl_status = status;
+  if (status != WL_RUNNING) {
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(tqp_stop_fd(), &one, sizeof one); // nobody reads it, so it stays
+  }
   tqp_wake_all();
+  tqp_wake_main();
 }
 
 bool tqp_sleep_or_wake(int ms) {

@@ -8,16 +8,22 @@
 #include "tag_ids.h"
 #include "tqp_init.h"
 #include "tqp_process_data.h"
+#include "upload_child.h"
 
 #include <algorithm>
 #include <unistd.h>
 
-// The end that the parent asked for leaves the newest partition finished; a stop does not.
 static void finish_newest_partition() {
-  if (!sig_test_post_proc)
-    return;
   const wllb_hold hold(check_and_create_partition_done_file_mutex);
   tqp_create_partition_done_file(g_partition_idx);
+}
+
+// The end that the parent asked for leaves the newest partition finished, and the upload child time; a stop does not.
+static void end_with_upload_child() {
+  const bool asked_for = sig_test_post_proc; // looked at once: the parent may still ask
+  if (asked_for)
+    finish_newest_partition();
+  send_test_run_stop_signal_to_tqu_db_upload(asked_for ? 0 : 1);
 }
 
 static void close_done_file() {
@@ -44,7 +50,8 @@ void tqp_shutdown(int epfd) {
   close(epfd);
   wllb_trace(1, "Info", "Test run stopped, joining threads");
   tqp_wait_for_instance_threads();
-  finish_newest_partition();
+  tqp_join_service_threads();
+  end_with_upload_child();
   tq_close();
   tqp_free_registry();
   tqp_free_norm_table();

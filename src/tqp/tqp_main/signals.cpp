@@ -7,6 +7,7 @@
 // between the look and the next sleep ends that sleep.
 
 #include "process_frame.h"
+#include "process_wake.h"
 
 #include <cerrno>
 #include <pthread.h>

@@ -24,8 +24,9 @@
 void tqp_apply_outside_root() {
   const char *root = getenv("TQP_OUTSIDE_ROOT");
   if (root)
-    for (std::string *path : {&outside_paths.machine_conf_dir, &outside_paths.cgroup_dir,
-                              &outside_paths.function_group_file, &outside_paths.trace_level_conf})
+    for (std::string *path :
+         {&outside_paths.machine_conf_dir, &outside_paths.cgroup_dir, &outside_paths.function_group_file,
+          &outside_paths.trace_level_conf, &outside_paths.dump_request_file})
       path->insert(0, root);
   static std::string trace_level_conf; // the library keeps the pointer
   trace_level_conf = outside_paths.trace_level_conf;

@@ -48,8 +48,10 @@ static void enter_partition(tqp_instance_t *inst, int64_t next) {
   wllb_trace(1, "Info", "Switching to new partition '%s'", inst->partition_name);
 }
 
-// Nothing follows: the instance takes the newest partition the process knows, and forgets what was pending.
+// Nothing follows: the instance takes the newest partition the process knows, and forgets what was pending. All under
+// the flag's lock: a partition announced meanwhile either is the one taken or raises the flag again.
 static void fall_back_to_current_partition(tqp_instance_t *inst) {
+  wllb_hold hold(inst->test_run_swtch_mutex);
   const int64_t current = g_partition_idx;
   snprintf(inst->partition_name, sizeof inst->partition_name, "%lld", static_cast<long long>(current));
   wllb_trace(
@@ -57,7 +59,6 @@ static void fall_back_to_current_partition(tqp_instance_t *inst) {
       "Error in retrieving next partition name, setting test_run_swtch_flag to 0, and switching to current partition: %s.",
       inst->partition_name);
   inst->partition_idx = current;
-  wllb_hold hold(inst->test_run_swtch_mutex);
   inst->test_run_swtch_flag = 0;
 }
 
@@ -89,7 +90,9 @@ int switch_to_next_partition(tqp_instance_t *inst, FILE **raw_fp, std::string *f
   if (tqp_seq_blob_in_file_flag)
     tqp_rotate_sqb_file(inst);
   tqp_close_stream(&inst->raw_data_file_offset_fp);
-  if (!tqp_enable_string_similarity_for_sql)
+  if (!tqp_is_offline() && tqp_copy_recovery_files)
+    tqp_copy_local2norm_at_partition_switch(inst);
+  else if (!tqp_enable_string_similarity_for_sql)
     restart_sql_map(inst);
   *filepath = tqp_raw_file_path(inst);
   *raw_fp = tqp_open_raw_file(inst, *filepath);

@@ -13,6 +13,7 @@
 #include "tqp_process_data.h"
 #include "tqp_recovery.h"
 #include "tqp_run_time_v2.h"
+#include "tqp_stat_mon.h"
 
 #include <cstring>
 
@@ -207,6 +208,7 @@ static void read_to_end_of_file(reader_t &r) {
     }
     if (!r.raw_fp)
       return;
+    tqp_dump_maps_if_asked(r.inst);
     hand_over_error_totals(r.inst);
     unpause_metadata_requests(r.inst);
     sweep_overdue_responses(r.inst);
@@ -243,7 +245,8 @@ static void switch_partitions(reader_t &r) {
       create_csv_files_ex(inst, 1);
     else
       create_csv_files(inst, 0);
-    check_and_create_partition_done_file(inst, left);
+    if (inst->partition_idx > left) // a switch too many leaves the instance where it is
+      check_and_create_partition_done_file(inst, left);
   } while (switch_result == 0 && inst->test_run_swtch_flag != 0);
   if (switch_result == 0)
     r.carried = 0; // else a fragment left at the old file's end joins the new one's first bytes
@@ -273,6 +276,7 @@ static bool is_finished(const tqp_instance_t *inst) {
 
 static void end_round(reader_t &r) {
   tqp_instance_t *inst = r.inst;
+  tqp_dump_maps_if_asked(inst);
   if (inst->test_run_swtch_flag != 0 && (wl_status == WL_RUNNING || tqc_port == -1)) {
     if (inst->partition_idx != g_partition_idx)
       switch_partitions(r);

@@ -1,0 +1,250 @@
+// The collector's messages to the real program: partitions, instances coming and going, the end; lines that mean harm.
+//   In      a small collector of the test's own, listening on a port that the program is told
+//   Out     what the program does with its test run, and how soon it leaves
+//   Failure a message lost or misread, a done file too early, a program that hangs
+
+#include "control_channel.h"
+#include "test_run.h"
+#include "tqp_main.h"
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+class control : public tqp_test_run {
+protected:
+  const std::string third_partition = "20261122120000"; // the three begin at 0, 3600 and 7200 s
+
+  control() {
+    keywords("TQP_NEW_RAW_DATA_POLL_INTERVAL 20\nTQP_BINARY_FORMAT_FOR_METHOD_TIMING 0\n");
+    sockaddr_in address = {};
+    socklen_t size = sizeof address; // a socket without an address gets one
+    EXPECT_EQ(0, listen(listener, 1) | getsockname(listener, reinterpret_cast<sockaddr *>(&address), &size));
+    port = std::to_string(ntohs(address.sin_port));
+  }
+
+  ~control() override {
+    for (const int each : {fd, listener, pipe})
+      close(each);
+  }
+
+  // Takes the program's connection and its first line.
+  void start_connected() {
+    close(std::exchange(fd, -1));
+    tqp = start({"-l", port});
+    fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    std::string line;
+    for (char c = 0; c != '\n' && recv(fd, &c, 1, 0) == 1;)
+      line += c;
+    EXPECT_EQ("tq_control_req:action=fp_stats;TEST_RUN=1234;TQP_PID=" + std::to_string(tqp->pid()) + "\n", line);
+  }
+
+  void say(const std::string &text) const { EXPECT_GE(send(fd, text.data(), text.size(), MSG_NOSIGNAL), 0); }
+
+  void begin_newest_of(const std::vector<std::string> &all) {
+    make_partitions(all);
+    say("any front=test_run_switch;PARTITION_NAME=" + all.back() + "\n");
+  }
+
+  bool reads(const std::string &instance, const std::string &partition = "") const {
+    return eventually([&] { return saved_offset(instance, partition) > 0; });
+  }
+
+  bool traced(const std::string &words, int times) const {
+    return eventually([&] { return occurrences(trace(), words) == times; });
+  }
+
+  bool exists(const std::string &below) const {
+    return eventually([&] { return fs::exists(path(below)); });
+  }
+
+  bool is_done(const std::string &partition) const { return fs::exists(path(partition + done_file)); }
+
+  void expect_normal_end() const {
+    tqp->signal(SIGRTMIN + 3);
+    EXPECT_EQ(0, tqp->wait().exit_status);
+    EXPECT_TRUE(is_done(partitions.back()));
+  }
+
+  static std::string flowpath(int fpi, int time_sec) {
+    const std::string tuple = std::to_string(fpi) + ":0:0:" + std::to_string(fpi);
+    return "2," + tuple + "," + std::to_string(time_sec) + ",7,1,5,q,c,1,2,3,t,1,1,,,,1\n4," + tuple +
+           ",200,1,1:0:0:0:0,5,-,0,x,0,0,-,-,1:77_0_0_0_1:77_1_5_1:0:0:0:0___\n";
+  }
+
+  // A pipe that is full: who writes a row into it stands still until it is drained.
+  void make_full_pipe(const std::string &path) {
+    fs::create_directories(fs::path(path).parent_path());
+    EXPECT_EQ(0, mkfifo(path.c_str(), 0600));
+    pipe = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    for (const char page[4096] = {}; write(pipe, page, sizeof page) > 0;)
+      continue;
+  }
+
+  void drain_pipe() const {
+    for (char page[4096]; ::read(pipe, page, sizeof page) > 0;)
+      continue;
+  }
+
+  const std::string done_file = "/tq/csv/.tqp_process_done_v2.txt";
+  const std::string names = "99,x,FPGVersion:2.0,JAVA\n" + method(1, "a.B.main()V") + "7,5,/shop\n";
+  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), fd = -1, pipe = -1;
+  std::string port;
+  std::unique_ptr<running_program> tqp;
+};
+
+TEST_F(control, instances_lie_partitions_apart_and_the_last_to_leave_finishes_each) {
+  make_full_pipe(path(first_partition + "/tq/csv/Tier_Server_Busy/TQFlowPath.csv"));
+  raw(identity("Tier_Server_Busy", 3, 4, 6) + names + flowpath(900, 100), "Tier_Server_Busy");
+  raw(identity() + names + flowpath(500, 100));
+  start_connected();
+  EXPECT_TRUE(reads("Tier_Server_App") && reads("Tier_Server_Busy"));
+  raw(identity() + flowpath(510, 3100) + flowpath(515, 3700), "Tier_Server_App", second_partition); // one is late
+  begin_newest_of({first_partition, second_partition});
+  EXPECT_TRUE(eventually([&] { return lines_of(data("TQFlowPath.csv", first_partition)).size() == 2; }));
+  raw(identity() + flowpath(520, 7100) + flowpath(530, 3100), "Tier_Server_App", third_partition); // late, and too late
+  begin_newest_of({first_partition, second_partition, third_partition});
+  EXPECT_TRUE(eventually([&] { return lines_of(data("TQFlowPath.csv", second_partition)).size() == 2; }));
+  EXPECT_TRUE(reads("Tier_Server_App", third_partition));
+  EXPECT_FALSE(is_done(first_partition) || is_done(second_partition)) << "one instance still reads the first";
+  drain_pipe();
+  EXPECT_TRUE(exists(second_partition + done_file));
+  EXPECT_EQ("", read(second_partition + done_file)) << "what was late before needs no notice";
+  append_raw(flowpath(540, 7150));
+  EXPECT_TRUE(eventually([&] { return lines_of(read(second_partition + done_file)).size() == 2; }));
+  for (const char *file : {",5,Tier_Server_App/TQMethodTiming.csv\n", ",5,Tier_Server_App/TQFlowPath.csv\n"})
+    EXPECT_EQ(1, occurrences(read(second_partition + done_file), file));
+  EXPECT_TRUE(is_done(first_partition) && read(first_partition + done_file).empty());
+  EXPECT_EQ(2U, lines_of(data("TQFlowPath.csv", first_partition)).size()) << "older rows are dropped";
+  EXPECT_FALSE(is_done(third_partition));
+  expect_normal_end();
+}
+
+TEST_F(control, a_switch_too_many_finishes_nothing) {
+  make_full_pipe(path(first_partition + "/tq/csv/Tier_Server_App/TQFlowPath.csv"));
+  raw(identity() + names + flowpath(500, 100));
+  start_connected();
+  EXPECT_TRUE(reads("Tier_Server_App"));
+  begin_newest_of({first_partition, second_partition});
+  say("x=test_run_switch\n");
+  EXPECT_TRUE(traced("Sending PARTITION_SWITCH_SIG to tqu_db_upload (process id '", 2));
+  drain_pipe();
+  EXPECT_TRUE(traced("Error in retrieving next partition name, ", 1) && traced("Processing over for jvmid = 0,", 1));
+  EXPECT_TRUE(is_done(first_partition) && !is_done(second_partition));
+  expect_normal_end();
+}
+
+TEST_F(control, messages_of_one_read_run_in_order_and_a_fragment_behind_them_is_lost) {
+  raw(identity());
+  start_connected();
+  EXPECT_TRUE(reads("Tier_Server_App"));
+  make_partitions({first_partition, second_partition, third_partition});
+  for (const std::string &each : {second_partition, third_partition})
+    raw(identity(), "Tier_Server_App", each);
+  raw(identity("Tier_Server_Found"), "Tier_Server_Found", third_partition); // no message tells of it
+  say("a=test_run_switch;PARTITION_NAME=" + second_partition + "\nb=test_run_switch;PARTITION_NAME=" + third_partition +
+      "\nc=enableInstance Tier Server One\nd=enableInstance Tier Server Tw");
+  EXPECT_TRUE(reads("Tier_Server_App", second_partition) && reads("Tier_Server_App", third_partition));
+  EXPECT_TRUE(reads("Tier_Server_Found", third_partition) && exists("tq/recovery/Tier_Server_One"));
+  say("e=enableInstance Tier ");
+  usleep(100000); // the rest of a line that has just begun is waited for
+  say("Server Three\n");
+  EXPECT_TRUE(exists("tq/recovery/Tier_Server_Three") && exists(second_partition + done_file));
+  expect_normal_end();
+}
+
+TEST_F(control, every_message_that_adds_or_removes_an_instance_does) {
+  start_connected();
+  const char *const ways[][2] = {
+      {"tqc_node_discovery_ctrl_msg:tierName=T;x;serverHost=S;instance=0;\n",
+       "tqc_instance_inactive:tierName=T;serverHost=S;instance=0\n"},
+      {"a=active_instance_msg;Instance=1;Tier=T;Server=S\n", "=disableInstance T S 1\n"},
+      {"=enableInstance  T\tS 2 more words\n", "any=removeInstance T S 2\n"},
+  };
+  for (int round = 0; round < 6; ++round) { // who was removed may come back
+    const std::string name = "T_S_" + std::to_string(round % 3);
+    raw(identity(name) + std::string(static_cast<size_t>(round), '\n'), name);
+    say(ways[round % 3][0]);
+    EXPECT_TRUE(eventually([&] { return fs::file_size(raw_path(name)) == static_cast<size_t>(saved_offset(name)); }));
+    say(ways[round % 3][1]);
+    EXPECT_TRUE(traced("Processing over for jvmid = 0, file", round + 1));
+  }
+  expect_normal_end();
+}
+
+TEST_F(control, leaves_within_a_second_whatever_the_channel_waits_for) {
+  raw(identity());
+  for (const std::string waits_for : {"a message", "the rest of a line", "a collector"}) {
+    if (waits_for == "a collector") {
+      close(std::exchange(listener, -1));
+      tqp = start({"-l", port});
+      EXPECT_TRUE(traced("failed to connect TQC retry count: 1 and msg ", 1));
+    } else {
+      start_connected();
+      say(waits_for == "a message" ? "" : "a=test_run_swi");
+      usleep(50000);
+    }
+    const int64_t told = get_ms_stamp_tqp();
+    expect_normal_end();
+    EXPECT_LT(get_ms_stamp_tqp() - told, 1000) << waits_for;
+  }
+}
+
+TEST_F(control, an_error_ends_the_process_and_a_collector_that_is_gone_does_not) {
+  raw(identity());
+  start_connected();
+  say("x=fp_stats;result=Error;all is lost\n");
+  EXPECT_EQ(0, tqp->wait().exit_status);
+  EXPECT_TRUE(traced("Got error from TQC [x=fp_stats;result=Error;all is lost] now going to exit", 1) &&
+              !is_done(first_partition));
+  for (const size_t flood : {0, 100000, 200000}) { // no line of a collector is so long
+    start_connected();
+    say(std::string(flood, 'x'));
+    close(std::exchange(fd, -1));
+    append_raw(std::string(1, '\n'));
+    EXPECT_TRUE(eventually([&] { return static_cast<size_t>(saved_offset()) == fs::file_size(raw_path()); }));
+    expect_normal_end();
+  }
+}
+
+// In process: each message's effects are over when the call returns.
+TEST_F(control, lines_that_mean_harm_do_nothing) {
+  tqp_process_state_init();
+  testidx = 1234;
+  dbmode = 0;
+  wllb_copy_text(wl_wdir, sizeof wl_wdir, directory);
+  base_dir = directory + "/logs/TR1234/";
+  fs::create_directories(path(first_partition + "/tq/csv"));
+  g_partition_idx = std::stoll(first_partition);
+  g_cur_partition = first_partition;
+  const auto run = [](std::string text) { process_message_from_tqc((text += '\n').data()); };
+  const auto started = []() WLLB_NO_THREAD_CHECK { return total_instances; };
+  for (const std::string &name :
+       std::vector<std::string>{"../../x", "..", ".hidden", "", std::string(300, 't'), "\x1b[2J", "a/'$(touch x)'"})
+    for (const std::string &line :
+         {"tqc_node_discovery_ctrl_msg:tierName=" + name + ";serverHost=s;instance=i;",
+          "x=enableInstance " + name + " s i", "x=active_instance_msg;Tier=" + name + ";Server=s;Instance=i",
+          "tqc_instance_inactive;instance=" + name, name}) {
+      run(line);
+      EXPECT_EQ(0, started()) << line;
+    }
+  const auto lag = []() WLLB_NO_THREAD_CHECK { return tqp_mon_stat_info.process_done_lag_count; };
+  uint32_t messages = 0;
+  for (const std::string value : {"", "=", "=../1", "=-5", "=0", "=7777777777777777777", "=2026x", "='1'"}) {
+    run("x=test_run_switch;PARTITION_NAME" + value + (value.size() > 18 ? std::string(281, '7') : ""));
+    EXPECT_EQ(first_partition, g_cur_partition) << value;
+    EXPECT_EQ(++messages, lag()) << "it counts as a switch without a name";
+    EXPECT_FALSE(is_done(first_partition)) << "nobody has left it";
+  }
+  run("x=test_run_switch;PARTITION_NAME=999999999999999999;more\nx=test_run_switch\nx=removeInstance;\n=");
+  EXPECT_TRUE(g_partition_idx == 999999999999999999 && is_done(first_partition) && lag() == messages + 1);
+  wllb_trace_partition = 0;
+  wllb_obj_hash_destroy(&key_sql_nonprep_query);
+  tqp_process_state_init();
+}
