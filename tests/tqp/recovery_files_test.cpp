@@ -194,33 +194,6 @@ TEST_F(recovery_files, a_failed_save_is_made_good_by_the_next_change) {
 
 // --- damage -----------------------------------------------------------------------------------------------------
 
-TEST_F(recovery_files, a_file_cut_anywhere_gives_right_ids_or_none) {
-  const std::vector<int> ids = {5, 0, 70000, norm_id_flag | 3, 1 << 30, 12, 9};
-  const std::vector<sql_query_map_t> queries = {{-3, 1, 2}, {5, norm_id_flag | 7, 1}, {70000, 4, 3}, {90000, 5, 9}};
-  const std::string headers = "0,\n17,Host\n4, \n0,\n2147483647,X-Id,with comma\n";
-  for (const loc2norm_row &row : loc2norm_rows) {
-    SCOPED_TRACE(row.file_name);
-    const std::string whole = row.map                   ? bytes_of(ids.data(), ids.size())
-                              : row.bit == LOC2NORM_SQL ? bytes_of(queries.data(), queries.size())
-                                                        : headers;
-    for (size_t cut = 0; cut <= whole.size(); ++cut) {
-      put_file(file(row.bit), whole.substr(0, cut));
-      restart();
-      EXPECT_EQ(1, inst->recovery_file_found);
-      for (size_t i = 0; row.map && i < ids.size(); ++i)
-        ASSERT_EQ(cut / 4 > i ? ids[i] : 0, (inst->*row.map).at_or_zero(static_cast<int64_t>(i))) << cut;
-      for (size_t i = 0; row.bit == LOC2NORM_SQL && i < queries.size(); ++i)
-        ASSERT_EQ(cut / 12 > i ? queries[i].norm_id : -1, query(queries[i].loc_id)) << cut;
-      if (row.bit != LOC2NORM_HTTP_HEADER)
-        continue;
-      ASSERT_EQ(cut >= 11 ? 17 : 0, inst->http_header_map.at_or_zero(1).norm_http_header_id) << cut;
-      const http_header_map_t last = inst->http_header_map.at_or_zero(4);
-      ASSERT_STREQ(cut == whole.size() ? "X-Id,with comma" : nullptr, last.http_header_name) << cut;
-    }
-    std::filesystem::remove(file(row.bit));
-  }
-}
-
 TEST_F(recovery_files, garbage_gives_no_negative_id_and_can_be_saved_over) {
   std::mt19937 random(3);
   for (int round = 0; round < 24; ++round) {

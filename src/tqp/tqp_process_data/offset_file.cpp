@@ -9,6 +9,7 @@
 #include "tqp_csv_files.h"
 #include "tqp_process_data.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <unistd.h>
@@ -35,13 +36,44 @@ static void open_offset_file(tqp_instance_t *inst, const std::string &path) {
   tqp_own_path(path.c_str());
 }
 
-// A missing or damaged number reads as 0.
+// A number that is missing or none at all reads as 0.
 static void read_offset(tqp_instance_t *inst) {
   char text[64];
   const ssize_t len = pread(fileno(inst->raw_data_file_offset_fp), text, sizeof text - 1, 0);
   text[len > 0 ? len : 0] = 0;
+  if (!wllb_is_numeric({text, static_cast<size_t>(std::max<ssize_t>(len, 0))}))
+    wllb_trace(1, "Warning", "Offset file of %s.txt is empty or damaged", inst->tier_server_app_name);
   const long offset = atol(text);
   inst->raw_data_file_offset = offset > 0 ? offset : 0;
+}
+
+// Where the line that holds byte `offset` begins; 0 for one behind the end of the file.
+static int64_t line_begin(int fd, int64_t offset) {
+  char block[4096];
+  char last;
+  if (offset > 0 && pread(fd, &last, 1, offset - 1) != 1)
+    return 0;
+  while (offset > 0) {
+    const int64_t from = std::max<int64_t>(0, offset - static_cast<int64_t>(sizeof block));
+    const ssize_t got = pread(fd, block, static_cast<size_t>(offset - from), from);
+    if (got <= 0)
+      return 0;
+    const auto *newline = static_cast<const char *>(memrchr(block, '\n', static_cast<size_t>(got)));
+    if (newline)
+      return from + (newline - block) + 1;
+    offset = from;
+  }
+  return 0;
+}
+
+// Part of a line could be taken for another record, so a damaged number goes back to where its line begins.
+static void keep_to_lines(tqp_instance_t *inst, FILE *raw_fp) {
+  const int64_t saved = inst->raw_data_file_offset, begin = line_begin(fileno(raw_fp), saved);
+  if (begin == saved)
+    return;
+  wllb_trace(1, "Warning", "Saved offset %lld of %s.txt is no beginning of a line, going on from %lld",
+             static_cast<long long>(saved), inst->tier_server_app_name, static_cast<long long>(begin));
+  inst->raw_data_file_offset = begin;
 }
 
 void check_offset_file_and_seek_raw_file(tqp_instance_t *inst, FILE *raw_fp) {
@@ -54,6 +86,7 @@ void check_offset_file_and_seek_raw_file(tqp_instance_t *inst, FILE *raw_fp) {
   if (existed && inst->raw_data_file_offset_fp)
     read_offset(inst);
   if (raw_fp) {
+    keep_to_lines(inst, raw_fp);
     const long offset = inst->raw_data_file_offset;
     wllb_trace(1, "Info", "Seeking the raw file to %ld offset", offset);
     fseek(raw_fp, offset, SEEK_SET);

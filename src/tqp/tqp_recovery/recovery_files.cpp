@@ -9,6 +9,8 @@
 
 #include "tqp_recovery.h"
 
+#include "metadata_request.h"
+#include "recovery_io.h"
 #include "tqp_csv_files.h"
 
 #include <algorithm>
@@ -16,6 +18,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include <sys/stat.h>
@@ -37,20 +40,6 @@ std::string make_loc2_norm_file_path(const tqp_instance_t *inst, const char *fil
 
 // --- writing ----------------------------------------------------------------------------------------------------
 
-static bool write_at(int fd, const char *bytes, int64_t len, int64_t at) {
-  while (len > 0) {
-    const ssize_t done = pwrite(fd, bytes, static_cast<size_t>(len), at);
-    if (done < 0 && errno == EINTR)
-      continue;
-    if (done <= 0)
-      return false;
-    bytes += done;
-    len -= done;
-    at += done;
-  }
-  return true;
-}
-
 // Writes the marked pages to their places, neighbours in one call.
 static bool write_pages(int fd, const wllb_zarray<int> &map, const wllb_zarray<uint64_t> &marked) {
   const int64_t num_pages = (map.size + loc2norm_page_entries - 1) / loc2norm_page_entries;
@@ -61,7 +50,7 @@ static bool write_pages(int fd, const wllb_zarray<int> &map, const wllb_zarray<u
     const int64_t begin = first * loc2norm_page_entries;
     const int64_t end = std::min(map.size, page * loc2norm_page_entries);
     const auto *bytes = reinterpret_cast<const char *>(map.data + begin);
-    if (begin < end && !write_at(fd, bytes, (end - begin) * 4, begin * 4))
+    if (begin < end && !tqp_write_at(fd, bytes, (end - begin) * 4, begin * 4))
       return false;
   }
   return true;
@@ -122,20 +111,24 @@ static bool write_map(tqp_instance_t *inst, const loc2norm_row &row, FILE *file,
   return row.bit == LOC2NORM_SQL ? write_sql_map(inst, file) : write_header_map(inst, file);
 }
 
+// What is written whole takes the old file's place only then: until the offset has moved on, a kill must not leave less
+// than was there.
 static void save_map(tqp_instance_t *inst, const loc2norm_row &row) {
   const std::string path = make_loc2_norm_file_path(inst, row.file_name);
   const bool in_place = row.map && file_is_ours(inst->loc2norm_pages[row.bit], path.c_str());
-  if (!wllb_path_exists(path.c_str()))
-    tqp_make_data_file_as(path.c_str(), "w", false);
-  const wllb_file file(my_fopen(path.c_str(), in_place ? "r+" : "w"));
+  FILE *file = in_place ? my_fopen(path.c_str(), "r+") : tqp_begin_replacing(path);
   if (!file) {
     wllb_trace(1, "Error", "Could not open file %s", path.c_str());
     return;
   }
-  if (!write_map(inst, row, file.get(), in_place))
-    wllb_trace(1, "Error", "Could not write to file %s", path.c_str());
-  else
+  bool saved = write_map(inst, row, file, in_place);
+  saved = in_place ? fclose(file) == 0 && saved : tqp_end_replacing(file, path, saved);
+  if (saved) {
     wllb_trace(2, "Info", "Saved Local to Normalized Table: %s", path.c_str());
+    return;
+  }
+  inst->loc2norm_pages[row.bit].file_bytes = 0; // the next save is a whole one
+  wllb_trace(1, "Error", "Could not write to file %s", path.c_str());
 }
 
 void write_loc2norm_rec_file(tqp_instance_t *inst, int mask) {
@@ -150,41 +143,18 @@ void write_loc2norm_rec_file(tqp_instance_t *inst, int mask) {
   }
 }
 
-// --- reading: int maps ------------------------------------------------------------------------------------------
-
-static bool read_at(int fd, char *bytes, int64_t len, int64_t at) {
-  while (len > 0) {
-    const ssize_t got = pread(fd, bytes, static_cast<size_t>(len), at);
-    if (got < 0 && errno == EINTR)
-      continue;
-    if (got <= 0)
-      return false;
-    bytes += got;
-    len -= got;
-    at += got;
-  }
-  return true;
-}
+// --- reading: entries -------------------------------------------------------------------------------------------
 
 // Reads what a file holds into `bytes`, which are zero, and leaves its holes alone. Notes the pages of an int map.
 static bool read_data(int fd, char *bytes, int64_t len, wllb_zarray<uint64_t> *touched) {
   constexpr int64_t page_bytes = loc2norm_page_entries * 4;
-  for (int64_t at = 0; at < len;) {
-    const int64_t data = lseek(fd, at, SEEK_DATA);
-    if (data < 0 && errno == ENXIO)
-      return true; // nothing but a hole from here on
-    const int64_t hole = data < 0 ? len : lseek(fd, data, SEEK_HOLE);
-    const int64_t begin = std::max(at, data); // data is -1 where holes cannot be asked for
-    const int64_t end = hole < begin ? len : std::min(len, hole);
-    if (begin >= end)
-      return begin >= len;
-    if (!read_at(fd, bytes + begin, end - begin, begin))
+  return tqp_for_each_data(fd, len, [&](int64_t begin, int64_t end) {
+    if (!tqp_read_at(fd, bytes + begin, end - begin, begin))
       return false;
     for (int64_t page = begin / page_bytes; touched && page * page_bytes < end; ++page)
       tqp_mark_loc2norm_page(touched, page);
-    at = end;
-  }
-  return true;
+    return true;
+  });
 }
 
 static void trace_read_failed(const std::string &path) {
@@ -192,14 +162,95 @@ static void trace_read_failed(const std::string &path) {
              wllb_strerror(errno).c_str());
 }
 
-// No id is negative: such an entry is damage, and unknown is what it is worth.
-static void forget_negative_ids(const wllb_zarray<int> &map, const wllb_zarray<uint64_t> &touched) {
+// --- reading: which ids can be -----------------------------------------------------------------------------------
+
+// Each id was given out by a table, whose rows were written before the map was. The tables are there first, so an id that
+// is negative or above its table's highest has no text: it is damage, or the end came before its row. It would become
+// some other text's, so unknown is what it is worth.
+struct id_source {
+  NormObjKey *table; // null: key_tags
+  wllb_mutex *lock;
+};
+
+// clang-format off
+static constexpr id_source id_sources[__NUM_LOC2NORM_BITS__] = { // by bit
+  {&key_method_id,       &key_method_id_mutex},
+  {&key_excp_cls_id,     &key_excp_cls_id_mutex},
+  {&key_excp_thr_cls_id, &key_excp_thr_cls_id_mutex},
+  {&key_excp_thr_mtd_id, &key_excp_thr_mtd_id_mutex},
+  {&key_excp_msg_id,     &key_excp_msg_id_mutex},
+  {&key_excp_st_id,      &key_excp_st_id_mutex},
+  {&key_excp_cause_id,   &key_excp_cause_id_mutex},
+  {&key_url_id,          &key_url_id_mutex},
+  {&key_http_header_id,  &key_http_header_id_mutex},
+  {&key_sql_query,       &key_sql_query_mutex},
+  {&key_bci_arg,         &key_bci_arg_mutex},
+  {&key_resource_id,     &key_resource_id_mutex},
+  {nullptr,              nullptr},
+};
+
+static constexpr id_source nonprepared_source = {&key_sql_nonprep_query, &key_sql_query_mutex};
+
+// clang-format on
+
+struct id_range {
+  int first, last;
+
+  bool has(int id) const { return first <= id && id <= last; }
+};
+
+// The ids above 0 that a table has given out, with the flag in its maps or without. A table that was never set up, in a
+// process that reads maps alone, says nothing.
+static id_range ids_of(const id_source &source, int flag) {
+  if (!source.table)
+    return {1, key_tags ? static_cast<int>(std::min<uint32_t>(count_tags, INT_MAX)) : INT_MAX};
+  wllb_hold hold(*source.lock);
+  if (!source.table->nt)
+    return {1, INT_MAX};
+  const int highest = std::max(source.table->prev_id, 0) & ~norm_id_flag;
+  return {std::max(flag, 1), highest | flag};
+}
+
+// What one file held, for the trace.
+struct read_count {
+  int64_t good;  // ids above 0
+  int64_t bad;   // ids that cannot be, lines that are none
+  int64_t bytes; // behind the last whole entry
+};
+
+// An id passed over today is some text's tomorrow: it has to leave the file before that.
+static void judge_damage(tqp_instance_t *inst, int bit, const std::string &path, const read_count &count) {
+  wllb_trace(1, "Info", "Loaded Local to Normalized Table: %s, %lld ids", path.c_str(),
+             static_cast<long long>(count.good));
+  if (count.bad == 0 && count.bytes == 0 && count.good > 0)
+    return;
+  wllb_trace(1, "Warning",
+             "Recovery file %s is damaged: %lld ids taken, %lld entries passed over, %lld bytes are no whole entry",
+             path.c_str(), static_cast<long long>(count.good), static_cast<long long>(count.bad),
+             static_cast<long long>(count.bytes));
+  if (count.bad == 0)
+    return;
+  inst->loc2norm_pages[bit].file_bytes = 0;
+  inst->loc2norm_unsaved_flags |= 1 << bit;
+  if (!tqp_is_offline())
+    write_loc2norm_rec_file(inst, 1 << bit);
+}
+
+// --- reading: int maps ------------------------------------------------------------------------------------------
+
+static void forget_bad_ids(const wllb_zarray<int> &map, const wllb_zarray<uint64_t> &touched, const id_range &ids,
+                           read_count *count) {
   for (int64_t page = 0; page * loc2norm_page_entries < map.size; ++page) {
     if (!tqp_loc2norm_page_marked(touched, page))
       continue;
     const int64_t end = std::min(map.size, (page + 1) * loc2norm_page_entries);
-    for (int64_t i = page * loc2norm_page_entries; i < end; ++i)
-      map.data[i] = std::max(map.data[i], 0);
+    for (int64_t i = page * loc2norm_page_entries; i < end; ++i) {
+      const bool good = ids.has(map.data[i]);
+      count->good += good;
+      count->bad += !good && map.data[i] != 0;
+      if (!good)
+        map.data[i] = 0;
+    }
   }
 }
 
@@ -227,10 +278,12 @@ static void load_int_map(tqp_instance_t *inst, const loc2norm_row &row, FILE *fi
   wllb_zarray_free(map, *row.growth);
   map.data = reinterpret_cast<int *>(bytes);
   map.size = count;
-  forget_negative_ids(map, read.touched);
+  read_count read_ids = {.good = 0, .bad = 0, .bytes = file_bytes - count * 4};
+  forget_bad_ids(map, read.touched, ids_of(id_sources[row.bit], row.bit == LOC2NORM_URL ? norm_id_flag : 0), &read_ids);
   read.file_bytes = file_bytes;
   tqp_free_loc2norm_pages(&inst->loc2norm_pages[row.bit]);
   inst->loc2norm_pages[row.bit] = read;
+  judge_damage(inst, row.bit, path, read_ids);
 }
 
 // --- reading: queries -------------------------------------------------------------------------------------------
@@ -241,43 +294,56 @@ static void make_sql_marker(const tqp_instance_t *inst) {
     tqp_make_data_file_as(make_loc2_norm_file_path(inst, sql_marker_name).c_str(), "a", false);
 }
 
-// Negative ids are damage. A non-prepared query older than those that were read back has lost its text.
-static bool is_wanted_query(const sql_query_map_t &query) {
-  return query.norm_id >= 0 && !(query.norm_id >= norm_id_flag && query.norm_id < g_min_init_nonprep_sql_id);
+// A non-prepared query older than those that were read back has lost its text.
+static bool is_too_old(const sql_query_map_t &query) {
+  return query.norm_id >= norm_id_flag && query.norm_id < g_min_init_nonprep_sql_id;
+}
+
+// No query has local id 0 and no norm id: that is a stretch of zeros.
+static bool is_zero(const sql_query_map_t &query) {
+  return query.loc_id == 0 && query.norm_id == 0;
 }
 
 static bool is_before(const sql_query_map_t &a, const sql_query_map_t &b) {
   return a.loc_id < b.loc_id;
 }
 
-static void take_queries(tqp_instance_t *inst, sql_query_map_t *queries, int64_t count) {
+static void take_queries(tqp_instance_t *inst, sql_query_map_t *queries, int64_t num, read_count *count) {
+  const id_range prepared = ids_of(id_sources[LOC2NORM_SQL], 0), nonprepared = ids_of(nonprepared_source, norm_id_flag);
   // Ours is sorted; any other order would make each insertion move what follows.
-  if (!std::is_sorted(queries, queries + count, is_before))
-    std::stable_sort(queries, queries + count, is_before);
-  for (int64_t i = 0; i < count; ++i)
-    if (is_wanted_query(queries[i]))
-      inst->sql_query_map_size = sql_query_map_insert_loc_id(
-          &inst->sql_query_map, queries[i].loc_id, inst->sql_query_map_size, queries[i].query_type, queries[i].norm_id);
+  if (!std::is_sorted(queries, queries + num, is_before))
+    std::stable_sort(queries, queries + num, is_before);
+  for (const sql_query_map_t &query : std::span(queries, static_cast<size_t>(num))) {
+    const bool known = query.norm_id == 0 || (query.norm_id < norm_id_flag ? prepared : nonprepared).has(query.norm_id);
+    if (!known || is_zero(query)) {
+      ++count->bad;
+      continue;
+    }
+    ++count->good;
+    if (!is_too_old(query))
+      inst->sql_query_map_size = sql_query_map_insert_loc_id(&inst->sql_query_map, query.loc_id,
+                                                             inst->sql_query_map_size, query.query_type, query.norm_id);
+  }
 }
 
 static void load_sql_map(tqp_instance_t *inst, FILE *file, int64_t file_bytes, const std::string &path) {
-  const int64_t count = std::min(file_bytes / 12, most_entries);
-  char *bytes = read_entries(file, count, 12, path, nullptr);
+  const int64_t num = std::min(file_bytes / 12, most_entries);
+  char *bytes = read_entries(file, num, 12, path, nullptr);
   if (!bytes)
     return;
   inst->sql_query_map_size = 0;
-  if (wllb_path_exists(make_loc2_norm_file_path(inst, sql_marker_name).c_str()))
-    take_queries(inst, reinterpret_cast<sql_query_map_t *>(bytes), count);
-  else
-    make_sql_marker(inst); // a file of the old layout says nothing; the agent would have to be asked for all queries
-  wllb_free_block(bytes, static_cast<size_t>(count * 12), "loc2norm_buf");
+  if (wllb_path_exists(make_loc2_norm_file_path(inst, sql_marker_name).c_str())) {
+    read_count count = {.good = 0, .bad = 0, .bytes = file_bytes - num * 12};
+    take_queries(inst, reinterpret_cast<sql_query_map_t *>(bytes), num, &count);
+    judge_damage(inst, LOC2NORM_SQL, path, count);
+  } else { // a file of the old layout says nothing
+    tqp_request_all_metadata(inst, TQ_EV_SQL_DISCOVERY);
+    make_sql_marker(inst);
+  }
+  wllb_free_block(bytes, static_cast<size_t>(num * 12), "loc2norm_buf");
 }
 
 // --- reading: headers -------------------------------------------------------------------------------------------
-
-struct free_line {
-  void operator()(char *line) const { free(line); }
-};
 
 // The newlines of the file, and one more for each read.
 static int64_t count_header_lines(FILE *file) {
@@ -289,15 +355,22 @@ static int64_t count_header_lines(FILE *file) {
   return lines;
 }
 
-// A line without a newline or comma was cut short, and what is left of it may be another id.
-static void take_header_line(tqp_instance_t *inst, int64_t local_id, char *line, size_t len) {
-  char *comma = strchr(line, ',');
-  if (!comma || line[len - 1] != '\n')
-    return;
+// False for a line that is none: cut short, or without its comma. What is left of it may be another id, and where the
+// lines behind it stand is not known any more.
+static bool take_header_line(tqp_instance_t *inst, int64_t local_id, char *line, size_t len, const id_range &ids,
+                             read_count *count) {
+  char *comma;
+  const int norm_id = static_cast<int>(strtol(line, &comma, 10));
+  if (*comma != ',' || line[len - 1] != '\n' || strlen(line) != len)
+    return false;
   line[len - 1] = 0;
-  const int norm_id = atoi(line);
-  if (norm_id < 0 || (norm_id == 0 && comma[1] == 0))
-    return;
+  if (norm_id == 0 && comma[1] == 0)
+    return true;
+  const bool good = norm_id == 0 || ids.has(norm_id);
+  count->good += good;
+  count->bad += !good;
+  if (!good)
+    return true;
   tqp_mark_loc2norm_page(&inst->loc2norm_pages[LOC2NORM_HTTP_HEADER].touched, local_id / loc2norm_page_entries);
   http_header_map_t *entry = &inst->http_header_map.data[local_id];
   entry->norm_http_header_id = norm_id;
@@ -306,25 +379,32 @@ static void take_header_line(tqp_instance_t *inst, int64_t local_id, char *line,
     entry->http_header_name = static_cast<char *>(wllb_new_block(size, "loc2norm_buf string"));
     memcpy(entry->http_header_name, comma + 1, size);
   }
+  return true;
 }
 
-static void load_header_map(tqp_instance_t *inst, FILE *file) {
-  const int64_t count = std::min(count_header_lines(file), most_entries);
-  if (count == 0)
-    return;
+static void load_header_map(tqp_instance_t *inst, FILE *file, const std::string &path) {
+  const int64_t num = std::min(count_header_lines(file), most_entries);
+  if (num == 0)
+    return judge_damage(inst, LOC2NORM_HTTP_HEADER, path, {});
   tqp_free_http_header_map(inst);
-  const auto size = static_cast<size_t>(count) * sizeof(http_header_map_t);
+  const auto size = static_cast<size_t>(num) * sizeof(http_header_map_t);
   inst->http_header_map.data = static_cast<http_header_map_t *>(wllb_new_block(size, "loc2norm_buf"));
-  inst->http_header_map.size = count;
+  inst->http_header_map.size = num;
+  const id_range ids = ids_of(id_sources[LOC2NORM_HTTP_HEADER], 0);
+  read_count count = {};
   char *line = nullptr;
   size_t room = 0;
-  for (int64_t i = 0; i < count; ++i) {
+  for (int64_t i = 0; i < num; ++i) {
     const ssize_t len = getline(&line, &room, file);
     if (len <= 0)
       break;
-    take_header_line(inst, i, line, static_cast<size_t>(len));
+    if (!take_header_line(inst, i, line, static_cast<size_t>(len), ids, &count)) {
+      count.bytes = len;
+      break;
+    }
   }
   free(line);
+  judge_damage(inst, LOC2NORM_HTTP_HEADER, path, count);
 }
 
 // --- reading: all -----------------------------------------------------------------------------------------------
@@ -354,7 +434,9 @@ static void load_map(tqp_instance_t *inst, const loc2norm_row &row) {
   else if (row.bit == LOC2NORM_SQL)
     load_sql_map(inst, file.get(), st.st_size, path);
   else
-    load_header_map(inst, file.get());
+    load_header_map(inst, file.get(), path);
+  if (row.bit == LOC2NORM_TAGS)
+    read_and_process_raw_data_recovery(inst);
 }
 
 [[noreturn]] static void usage_tqp_offline_recovery_file(const tqp_instance_t *inst) {

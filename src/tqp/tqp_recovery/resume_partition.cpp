@@ -40,11 +40,23 @@ static int64_t last_partition_with_data(const tqp_instance_t *inst) {
   return result == 0 ? info.partition_idx : -1;
 }
 
+// A cut info file still gives some neighbours, and the walk goes on by them: it has to be told.
+static void tell_damaged_info(const std::string &partition) {
+  const std::string path = wllb_format("%s/%s/.partition_info.txt", test_run_dir().c_str(), partition.c_str());
+  const std::string text = wllb_read_small_file(path.c_str());
+  if (!text.ends_with('\n') || text.find("PreviousPartition=") == std::string::npos ||
+      text.find("NextPartition=") == std::string::npos)
+    wllb_trace(1, "Warning", "Partition info file %s is missing, cut or damaged", path.c_str());
+}
+
 static int count_following_partitions(const char *partition) {
   int count = 0;
   std::string at = partition;
-  for (int64_t next; wllb_get_next_partition(wl_wdir, testidx, at.c_str(), &next) == 0; at = std::to_string(next))
-    ++count;
+  tell_damaged_info(at);
+  for (int64_t next; wllb_get_next_partition(wl_wdir, testidx, at.c_str(), &next) == 0; ++count) {
+    at = std::to_string(next);
+    tell_damaged_info(at);
+  }
   return count;
 }
 

@@ -11,6 +11,7 @@
 
 #include "tag_ids.h"
 #include "tqp_csv_files.h"
+#include "tqp_tags.h"
 
 #include <algorithm>
 #include <cstring>
@@ -33,7 +34,7 @@ struct norm_table_file {
   int name_field;
   int id_field;
   int type_field;
-  int kind; // value of the type field; METADATA_TYPE_SQL_NONPREP is read backwards; -1: none
+  int kind; // value of the type field; METADATA_TYPE_SQL_NONPREP is read backwards, the topology by its own; -1: none
 };
 
 // clang-format off
@@ -54,7 +55,8 @@ static const norm_table_file norm_table_files[] = {
   {&key_sql_nonprep_query, "TQSQL_nonprepared.csv",        4, 2, 0, METADATA_TYPE_SQL_NONPREP},
   {&key_signature,         "TQFPSignature.csv",            1, 2, 0, -1},
   {&key_resource_id,       "TQIPResourceMetaData.csv",     2, 1, 0, -1},
-  {nullptr,                "TQTags.csv",                   0, 0, 0, -1},
+  {&key_auto_topo_discovery_src, "tqIntegrationPoint.conf", 0, 0, 0, METADATA_TYPE_AUTO_TOPO_DISCOVERY},
+  {nullptr,                "TQTags.csv",                   0, 0, 0, METADATA_TYPE_TAGS},
 };
 
 // clang-format on
@@ -237,6 +239,30 @@ static void skip_rest_of_line(FILE *file) {
     c = getc_unlocked(file);
 }
 
+// Appends the newline that is missing at the end, or takes the row away that it would end.
+static bool end_last_row(const norm_table_file &from, int fd, int64_t size) {
+  if (from.id_field <= from.name_field)
+    return pwrite(fd, "\n", 1, size) == 1;
+  tqp_reverse_file lines = {.fd = fd, .pos = size - 1, .block = {}, .block_at = 0};
+  int64_t begin;
+  return find_line_begin(&lines, &begin) && ftruncate(fd, begin) == 0;
+}
+
+// A kill can leave a row half written, and the next one would be glued to it. What is there of its text is known by its
+// id from now on; but where the id stands last, the id itself may be cut.
+static void mend_torn_end(const norm_table_file &from) {
+  const std::string path = metadata_path(from);
+  const wllb_file file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), "r+") : nullptr);
+  struct stat st;
+  char last = '\n';
+  if (!file || fstat(fileno(file.get()), &st) != 0 || st.st_size == 0 ||
+      pread(fileno(file.get()), &last, 1, st.st_size - 1) != 1 || last == '\n')
+    return;
+  const bool mended = end_last_row(from, fileno(file.get()), st.st_size);
+  wllb_trace(1, "Warning", "File %s ends in the middle of a row, %s", path.c_str(),
+             mended ? "which is ended now" : "and cannot be mended");
+}
+
 static bool read_forwards(const norm_table_file &from) {
   metadata_reader reader = {.from = from, .path = metadata_path(from), .batch = {}};
   const wllb_file file = open_metadata(reader.path);
@@ -292,7 +318,13 @@ void tq_build_norm_tables_from_metadata_csv(int kind) {
     if ((kind == METADATA_TYPE_SQL_NONPREP && !nonprepared) ||
         (from.table == &key_signature && !tqp_generate_fp_signatures))
       continue;
+    if (from.kind == METADATA_TYPE_AUTO_TOPO_DISCOVERY) {
+      tq_build_norm_tables_for_auto_discovery();
+      continue;
+    }
     wllb_trace(1, "Info", "Normalization table creating from %s files", from.file_name);
+    if (kind != METADATA_TYPE_SQL_NONPREP && resume_flag && !tqp_is_offline())
+      mend_torn_end(from);
     const bool opened = nonprepared ? read_newest_queries(from) : read_forwards(from);
     if (!opened && kind == METADATA_TYPE_SQL_NONPREP)
       return;

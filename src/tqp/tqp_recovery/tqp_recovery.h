@@ -68,6 +68,25 @@ void read_loc2norm_rec_file(tqp_instance_t *inst, int mask);
 // Path of a file in the instance's recovery directory: the live one, or that of the partition in an offline run.
 std::string make_loc2_norm_file_path(const tqp_instance_t *inst, const char *file_name);
 
+// --- resending (resend.cpp) --------------------------------------------------------------------------------------
+
+// Makes a map new, as if nothing had been discovered. `kind` is the event number of tq_event_enum, -1 for all; any other
+// does nothing. The recovery file keeps what it holds until the next discovery.
+void clear_loc2norm_tables(tqp_instance_t *inst, int kind);
+
+// --- one snapshot a partition (partition_snapshot.cpp) -----------------------------------------------------------
+
+// Copies the instance's live recovery files below its present partition, for a later run over that partition.
+void tqp_copy_local2norm_at_partition_switch(tqp_instance_t *inst);
+
+// --- global attributes and tags (global_texts_file.cpp) ----------------------------------------------------------
+
+// Rewrites "%s.txt.recovery" with the instance's global texts; a failure is traced.
+void tqp_write_recovery_raw_data(tqp_instance_t *inst);
+
+// Reads it back into the instance.
+void read_and_process_raw_data_recovery(tqp_instance_t *inst);
+
 // --- rebuild (table_rebuild.cpp) ---------------------------------------------------------------------------------
 
 // Smallest id, with norm_id_flag, of a non-prepared query that was loaded; 0: none. Older ones are not read back into

@@ -6,6 +6,7 @@
 //   Failure a record without header, too short, or with a comma in its blob is told and dropped
 
 #include "flowpath_release.h"
+#include "metadata_request.h"
 #include "record_errors.h"
 #include "tqp_async_handling.h"
 #include "tqp_run_time_v2.h"
@@ -178,12 +179,14 @@ static bool take_trace_request(const blob_record_t &b, char *text) {
   return true;
 }
 
-// -1 stands for the newest of the instance's own tag sets.
+// -1 stands for the instance's own texts: both together, else its tags, else its attributes.
 static bool take_tag_id(const blob_record_t &b, char *text) {
   const auto &map = b.inst->tags_map;
   const int64_t id = strtoll(text, nullptr, 10);
   b.segment->tags_norm_id = 0;
   if (id != -1) {
+    if (map.at_or_zero(id) == 0 || id == 0)
+      get_meta_data_for_events_from_bci(b.inst, TQ_EV_TAGS, id, wllb_now() - g_vex_epoc_diff);
     b.segment->tags_norm_id = map.at_or_zero(id);
     return true;
   }

@@ -6,6 +6,7 @@
 // Samples:  17:0_0::0_120   17:99:1:abc_0:5:1_120   17:99_1_155_4:0:0:0:0   17_2
 
 #include "classic_form.h"
+#include "metadata_request.h"
 #include "record_errors.h"
 #include "tqp_recovery.h"
 
@@ -76,12 +77,25 @@ void tqp_put_forced_exit_token(segment_fp_t *segment, const method_call_stack_t 
 
 // --- norm ids ---------------------------------------------------------------------------------------------------
 
-int32_t tqp_norm_method_id(tqp_instance_t *inst, int64_t local_id, const segment_fp_t * /*segment*/) {
-  return inst->method_map.at_or_zero(local_id);
+// Asks the agent what a local id means, and looks again.
+[[gnu::noinline]] static int32_t ask_and_look(tqp_instance_t *inst, int kind, const wllb_zarray<int> &map,
+                                              int64_t local_id, const segment_fp_t *segment) {
+  get_meta_data_for_events_from_bci(inst, kind, local_id, segment ? static_cast<int64_t>(segment->begin_ts) : 0);
+  return map.at_or_zero(local_id);
 }
 
-int32_t tqp_norm_page_id(tqp_instance_t *inst, int64_t local_id, const segment_fp_t * /*segment*/) {
-  return inst->bci_arg_id_map.at_or_zero(local_id);
+int32_t tqp_norm_method_id(tqp_instance_t *inst, int64_t local_id, const segment_fp_t *segment) {
+  const int32_t norm_id = inst->method_map.at_or_zero(local_id);
+  if (norm_id != 0 && local_id != 0) [[likely]]
+    return norm_id;
+  return ask_and_look(inst, TQ_EV_METHOD_DISCOVERY, inst->method_map, local_id, segment);
+}
+
+int32_t tqp_norm_page_id(tqp_instance_t *inst, int64_t local_id, const segment_fp_t *segment) {
+  const int32_t norm_id = inst->bci_arg_id_map.at_or_zero(local_id);
+  if (norm_id != 0) [[likely]]
+    return norm_id;
+  return ask_and_look(inst, TQ_EV_BCI_ARG_META_DATA_EVENT, inst->bci_arg_id_map, local_id, segment);
 }
 
 int32_t tqp_norm_sql_id(tqp_instance_t *inst, int32_t local_id, int64_t /*timestamp*/) {
@@ -89,8 +103,11 @@ int32_t tqp_norm_sql_id(tqp_instance_t *inst, int32_t local_id, int64_t /*timest
   return map ? std::max(0, sql_query_map_read_loc2norm(map, local_id, inst->sql_query_map_size, nullptr)) : 0;
 }
 
-int32_t tqp_norm_resource_id(tqp_instance_t *inst, int64_t local_id, const segment_fp_t * /*segment*/) {
-  return local_id == 0 ? 0 : inst->resource_map.at_or_zero(local_id);
+int32_t tqp_norm_resource_id(tqp_instance_t *inst, int64_t local_id, const segment_fp_t *segment) {
+  const int32_t norm_id = local_id == 0 ? 0 : inst->resource_map.at_or_zero(local_id);
+  if (norm_id != 0 || local_id == 0) [[likely]]
+    return norm_id;
+  return ask_and_look(inst, TQ_EV_RESOURCE_DISCOVERY, inst->resource_map, local_id, segment);
 }
 
 // --- messages and the limit --------------------------------------------------------------------------------------

@@ -213,7 +213,7 @@ static bool read_number_field(blob_reader *r, int32_t *value) {
 // Method, event and time; the two last ones of a token that has no further fields.
 static int read_method_head(classic_run *run, classic_method *m) {
   blob_reader *const r = run->r;
-  m->norm_method_id = tqp_norm_method_id(r->inst, m->method_id, r->segment);
+  m->norm_method_id = tqp_norm_method_id(r->inst, m->method_id, nullptr);
   if (!read_event_field(r, m))
     return give_up(r, m->start, "event id not found.");
   if (m->event_id != BLOB_UNINSTRUMENTED && !read_number_field(r, &run->rel_time))
@@ -293,7 +293,7 @@ static int run_entry(classic_run *run, classic_method *m) {
   int32_t page_name_id;
   if (!read_number_field(r, &page_name_id))
     return give_up(r, m->start, "page id not found.");
-  const int32_t norm_page_id = page_name_id != 0 ? tqp_norm_page_id(r->inst, page_name_id, segment) : 0;
+  const int32_t norm_page_id = page_name_id != 0 ? tqp_norm_page_id(r->inst, page_name_id, nullptr) : 0;
   if (!move_clock(r, *m, run->rel_time))
     run->rel_time = static_cast<int32_t>(segment->last_record_timestamp);
   tqp_push_method(segment, m->norm_method_id, norm_page_id, next_seq_num(segment), run->rel_time, m->thread_id);

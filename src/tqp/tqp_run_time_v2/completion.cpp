@@ -6,8 +6,10 @@
 
 #include "flowpath_files.h"
 #include "flowpath_release.h"
+#include "metadata_request.h"
 #include "record_errors.h"
 #include "tqp_async_handling.h"
+#include "tqp_fp_stats_mon.h"
 #include "tqp_method_timing.h"
 #include "tqp_run_time_v2.h"
 #include "tqp_sql_timing.h"
@@ -128,6 +130,9 @@ static void check_url(tqp_instance_t *inst, segment_fp_t *segment) {
     segment->bci_urlid = 0;
   if (is_filtered_by_time(inst, segment) || segment->bci_urlid < 0)
     return;
+  if (segment->bci_urlid == 0 || !(inst->url_map.at_or_zero(segment->bci_urlid) & norm_id_flag))
+    get_meta_data_for_events_from_bci(inst, TQ_EV_URL_DISCOVERY, segment->bci_urlid,
+                                      static_cast<int64_t>(segment->begin_ts));
   if (segment->bci_urlid > inst->url_map.size)
     segment->bci_urlid = 0;
   const int url = inst->url_map.at_or_zero(segment->bci_urlid);
@@ -154,6 +159,8 @@ void bcig_dump_flowpath(tqp_instance_t *inst, int slot, segment_fp_t *segment) {
   concurrent_flowpath_t &fp = inst->con_fp_buf.data[slot];
   count_processed(inst);
   close_open_methods(inst, fp.main_fpi, segment);
+  if (tqc_port > 0 && segment->status_code != -3)
+    update_fp_stats(inst, segment->response_time);
   fold_times(fp, segment);
   segment->flowpath_signature = tqp_generate_fp_signatures ? generate_signature(inst, segment->signstr) : 0;
   if (!is_repeated(inst, fp, segment))

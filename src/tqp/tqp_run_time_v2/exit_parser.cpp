@@ -86,7 +86,7 @@ static const char *read_finished_method(const blob_reader *r, exit_form_token *t
   if (page.last)
     return "page_name_id not found.";
   if (const auto page_name_id = static_cast<int32_t>(tqp_blob_number(page.text)); page_name_id != 0)
-    m->page_id = tqp_norm_page_id(r->inst, page_name_id, r->segment);
+    m->page_id = tqp_norm_page_id(r->inst, page_name_id, nullptr);
   const blob_field times = next_field(t);
   if (times.last)
     return "cpu_time not found.";
@@ -102,7 +102,7 @@ static int handle_method_info(const blob_reader *r, char *token, char *end) {
   const blob_field method = next_field(&t);
   if (method.last)
     return tell_bad_method(r, token, "method id not found.");
-  m.method_id = tqp_norm_method_id(r->inst, read_method_field(method.text, &m), r->segment);
+  m.method_id = tqp_norm_method_id(r->inst, read_method_field(method.text, &m), nullptr);
   const blob_field flag = next_field(&t);
   if (flag.last && *flag.text == 0)
     return tell_bad_flag(r, token);

@@ -9,6 +9,7 @@
 #include "callout_text.h"
 
 #include "flowpath_files.h"
+#include "metadata_request.h"
 
 #include <array>
 
@@ -41,9 +42,14 @@ static callout_row group_row(std::string_view type_text, int32_t norm_method_id)
 // --- queries ------------------------------------------------------------------------------------------------------
 
 static int32_t norm_sql_of_group(blob_reader *r, int32_t sql_id) {
-  if (sql_id > r->inst->sql_query_map_size) // used entries, not ids: so groups have always been told apart
-    return 0;
-  return tqp_norm_sql_id(r->inst, sql_id, static_cast<int64_t>(r->segment->begin_ts));
+  const auto begin_ts = static_cast<int64_t>(r->segment->begin_ts);
+  int32_t norm_id = tqp_norm_sql_id(r->inst, sql_id, begin_ts);
+  if (norm_id == 0 || sql_id < 1) {
+    get_meta_data_for_events_from_bci(r->inst, TQ_EV_SQL_DISCOVERY, sql_id, begin_ts);
+    norm_id = tqp_norm_sql_id(r->inst, sql_id, begin_ts);
+  }
+  // Used entries, not ids: so groups have always been told apart.
+  return sql_id > r->inst->sql_query_map_size ? 0 : norm_id;
 }
 
 int handle_grouped_queries(blob_reader *r, char *token) {

@@ -1,13 +1,14 @@
 // Turns one database call of a blob into what is kept of it: an execution's row, its part in the sums, the numbers per
 // kind of query. A query that nobody has told gets a placeholder, so that its calls count.
 //   In      a call, by the agent's id of its query
-//   Out     "TQSQLRecord.csv", the segment's sums, db_query_stats; a placeholder in the SQL map and "TQSQL.csv"
+//   Out     "TQSQLRecord.csv", the segment's sums, the instance's *_query_stats; a placeholder in the SQL map and "TQSQL.csv"
 //   Thread  the instance's; the norm table is locked, and so are the numbers, which a monitor takes
 //   Failure an unknown query is told once and then known by its placeholder
 
 #include "tqp_sql_timing.h"
 
 #include "flowpath_files.h"
+#include "metadata_request.h"
 #include "row_batch.h"
 #include "tqp_csv_files.h"
 #include "tqp_recovery.h"
@@ -49,19 +50,27 @@ static bool is_kept(int32_t backend_type) {
 
 // --- numbers per kind -----------------------------------------------------------------------------------------------
 
+using query_stats = db_query_stat_data tqp_instance_t::*;
+
+// By find_query_type: 1 select to 6 drop; 0 and the rest are other.
+static constexpr query_stats query_stats_by_type[] = {
+    &tqp_instance_t::other_query_stats,  &tqp_instance_t::select_query_stats, &tqp_instance_t::insert_query_stats,
+    &tqp_instance_t::update_query_stats, &tqp_instance_t::delete_query_stats, &tqp_instance_t::create_query_stats,
+    &tqp_instance_t::drop_query_stats};
+
 static void count_execution(db_query_stat_data *stat, double duration) {
-  stat->min = stat->count == 0 ? duration : std::min(stat->min, duration);
-  stat->max = std::max(stat->count == 0 ? 0.0 : stat->max, duration);
-  stat->sum = tqp_finite(stat->sum + duration);
-  ++stat->count;
+  stat->min_duration = std::min(stat->min_duration, duration);
+  stat->max_duration = std::max(stat->max_duration, duration);
+  stat->total_duration = tqp_finite(stat->total_duration + duration);
+  ++stat->query_counts;
 }
 
 void update_sql_stats(tqp_instance_t *inst, int query_type, double duration) {
   const double time = tqp_finite(duration);
-  const int kind = query_type >= 1 && query_type <= 6 ? query_type : DB_QUERY_OTHER;
+  const query_stats of_type = query_stats_by_type[query_type >= 1 && query_type <= 6 ? query_type : 0];
   wllb_hold hold(inst->fp_stats_mutex);
-  count_execution(&inst->db_query_stats.of_kind[DB_QUERY_TOTAL], time);
-  count_execution(&inst->db_query_stats.of_kind[kind], time);
+  count_execution(&inst->total_query_stats, time);
+  count_execution(&(inst->*of_type), time);
 }
 
 // --- calls ----------------------------------------------------------------------------------------------------------
@@ -93,6 +102,10 @@ static known_query find_query(const tqp_instance_t *inst, int32_t local_id) {
 }
 
 static void make_known(tqp_instance_t *inst, const sql_call &call, int32_t local_id) {
+  const int32_t norm_id = find_query(inst, local_id).norm_id;
+  if (norm_id > 0 && local_id > 0) [[likely]]
+    return;
+  get_meta_data_for_events_from_bci(inst, TQ_EV_SQL_DISCOVERY, local_id, 0);
   if (find_query(inst, local_id).norm_id >= 0)
     return;
   wllb_trace(
