@@ -12,18 +12,21 @@
 
 #include "sample_layout.h"
 
-static constexpr int64_t ticks_per_second = 100;
 static std::atomic<bool> stop_asked = false;
 
 static void ask_for_stop(int) {
   stop_asked.store(true, std::memory_order_relaxed);
 }
 
-static void install_stop_handler() {
+void sample_install_stop_handler() {
   struct sigaction action = {};
   action.sa_handler = ask_for_stop;
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
+}
+
+bool sample_stop_asked() {
+  return stop_asked.load(std::memory_order_relaxed);
 }
 
 int sample_write_out(const sample_raw_file &file, size_t length) {
@@ -36,9 +39,14 @@ int sample_write_out(const sample_raw_file &file, size_t length) {
   return 0;
 }
 
-static void sleep_until(timespec begin, int64_t tick) {
-  const int64_t ns = begin.tv_nsec + tick * (1'000'000'000 / ticks_per_second);
-  const timespec when = {begin.tv_sec + ns / 1'000'000'000, ns % 1'000'000'000};
+static int64_t now_ns() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
+
+static void sleep_until(int64_t ns) {
+  const timespec when = {ns / 1'000'000'000, ns % 1'000'000'000};
   clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr);
 }
 
@@ -75,19 +83,26 @@ static int finish_lines(std::vector<sample_raw_file> &files, bool wind_up) {
   return 0;
 }
 
-int sample_append(std::vector<sample_raw_file> &files, uint64_t seed, int64_t rate, int64_t seconds, bool wind_up) {
+int sample_append(std::vector<sample_raw_file> &files, uint64_t seed, int64_t rate, int64_t seconds, bool wind_up,
+                  const sample_beside *beside) {
+  constexpr int64_t tick_ns = 1'000'000'000 / sample_ticks_per_second;
   sample_random random = {seed ^ 0x5eed5eedU};
-  timespec begin = {};
-  clock_gettime(CLOCK_MONOTONIC, &begin);
-  install_stop_handler();
-  for (int64_t tick = 0; tick < seconds * ticks_per_second && !stop_asked.load(std::memory_order_relaxed); ++tick) {
+  const int64_t begin_ns = now_ns();
+  sample_install_stop_handler();
+  for (int64_t tick = 0; tick < seconds * sample_ticks_per_second && !sample_stop_asked(); ++tick) {
+    if (beside && beside->before_tick(tick) != 0)
+      return -1;
     for (const sample_raw_file &file : files)
-      file.stream->now_ms += 1000 / ticks_per_second;
+      file.stream->now_ms += 1000 / sample_ticks_per_second;
     // The tick's share is the difference of two running totals, so that no rounding adds up.
-    const int64_t bytes = rate * (tick + 1) / ticks_per_second - rate * tick / ticks_per_second;
+    const int64_t bytes = rate * (tick + 1) / sample_ticks_per_second - rate * tick / sample_ticks_per_second;
     if (append_bytes(files, random, bytes) != 0)
       return -1;
-    sleep_until(begin, tick + 1);
+    const int64_t until_ns = begin_ns + (tick + 1) * tick_ns;
+    if (beside)
+      beside->wait(until_ns);
+    else
+      sleep_until(until_ns);
   }
   return finish_lines(files, wind_up);
 }

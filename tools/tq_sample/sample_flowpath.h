@@ -67,6 +67,23 @@ void sample_put_request_headers(std::string &out, sample_stream_t &stream, const
 // Some of the records that stand beside a call tree: 13, 16 to 20, 45, 46. Each ends a record of the strand.
 void sample_put_side_records(sample_strand &strand, sample_stream_t &stream, const sample_segment &segment);
 
+// "12,71:71:0:71,": what most side records begin with.
+void sample_put_side_front(std::string &out, int event, const sample_tuple &fpi);
+
+// The local id of a header's text drawn from those of one use.
+int32_t sample_any_header_id(sample_stream_t &stream, sample_header_use use);
+
 // 31 or 38, with what was thrown where.
 void sample_put_exception(std::string &out, sample_stream_t &stream, const sample_tuple &fpi, int64_t at_ms,
                           int32_t method_id);
+
+// --- sample_detail.cpp ------------------------------------------------------------------------------------------
+
+// One flowpath in three has more of its request captured. Tells whether this one does.
+bool sample_is_detailed(sample_stream_t &stream, const sample_segment &segment);
+
+// What an agent may send ahead of the segment's header: 18, 20, 46. Each ends a record of the strand.
+void sample_put_detail_ahead(sample_strand &strand, sample_stream_t &stream, const sample_tuple &fpi);
+
+// What follows the header: bodies with their announcements (14, 15), all kinds of items of 12, 17, 19, 20, 45.
+void sample_put_detail(sample_strand &strand, sample_stream_t &stream, const sample_tuple &fpi);

@@ -45,6 +45,22 @@ static int make_file(const std::string &path, std::string_view bytes) {
   return result;
 }
 
+int sample_replace_file(const std::string &path, std::string_view bytes) {
+  const std::string fresh = path + ".new";
+  if (make_file(fresh, bytes) != 0)
+    return -1;
+  return rename(fresh.c_str(), path.c_str()) == 0 ? 0 : complain("Could not replace file", path);
+}
+
+static void name_partition(sample_layout_t *layout, time_t begin) {
+  tm parts = {};
+  char name[15];
+  gmtime_r(&begin, &parts);
+  strftime(name, sizeof name, "%Y%m%d%H%M%S", &parts);
+  layout->names.emplace_back(name);
+  layout->begins.push_back(begin);
+}
+
 bool sample_plan_layout(sample_layout_t *layout, const std::string &work_dir, int testrun, int partitions,
                         const std::string &start) {
   tm parts = {};
@@ -56,14 +72,8 @@ bool sample_plan_layout(sample_layout_t *layout, const std::string &work_dir, in
   if (first < sample_epoch)
     return false;
   layout->base = wllb_format("%s/logs/TR%d", work_dir.c_str(), testrun);
-  for (int p = 0; p < partitions; ++p) {
-    const time_t begin = first + p * sample_partition_seconds;
-    char name[15];
-    gmtime_r(&begin, &parts);
-    strftime(name, sizeof name, "%Y%m%d%H%M%S", &parts);
-    layout->names.emplace_back(name);
-    layout->begins.push_back(begin);
-  }
+  for (int p = 0; p < partitions; ++p)
+    name_partition(layout, first + p * sample_partition_seconds);
   return true;
 }
 
@@ -81,6 +91,21 @@ static int make_partition(const sample_layout_t &layout, size_t p) {
   if (make_directory(dir + "/tq/raw_data") != 0 || make_directory(dir + "/tq/logs") != 0)
     return -1;
   return make_file(dir + "/.partition_info.txt", partition_info(layout, p));
+}
+
+static std::string current_partition(const sample_layout_t &layout) {
+  return "CurPartitionIdx=" + layout.names.back() + "\n";
+}
+
+int sample_add_partition(sample_layout_t *layout, int64_t begin) {
+  const size_t before = layout->names.size() - 1;
+  name_partition(layout, begin);
+  if (make_partition(*layout, before + 1) != 0)
+    return -1;
+  const std::string info = layout->base + "/" + layout->names[before] + "/.partition_info.txt";
+  if (sample_replace_file(info, partition_info(*layout, before)) != 0)
+    return -1;
+  return sample_replace_file(layout->base + "/.curPartition", current_partition(*layout));
 }
 
 // The third word behind the bars is the start time, which a reader hands to date.
@@ -103,7 +128,7 @@ static int make_links(const std::string &work_dir) {
 }
 
 int sample_make_layout(const sample_layout_t &layout, const std::string &work_dir, int testrun,
-                       const std::string &keywords) {
+                       const std::string &keywords, bool monitored) {
   const std::string &base = layout.base;
   const std::string profile = base + "/tq/conf/tqprof/default";
   if (wllb_path_exists(base.c_str())) {
@@ -118,9 +143,10 @@ int sample_make_layout(const sample_layout_t &layout, const std::string &work_di
 
   const struct {
     std::string path, bytes;
-  } files[] = {{base + "/.curPartition", "CurPartitionIdx=" + layout.names.back() + "\n"},
+  } files[] = {{base + "/.curPartition", current_partition(layout)},
                {base + "/.vex_epoch.diff", wllb_format("%lld\n", static_cast<long long>(sample_epoch))},
-               {base + "/sorted_scenario.conf", "TNAME shop_load\nPROJECT acme\nENABLE_AUTO_MONITOR_REGISTRATION 0\n"},
+               {base + "/sorted_scenario.conf",
+                wllb_format("TNAME shop_load\nPROJECT acme\nENABLE_AUTO_MONITOR_REGISTRATION %d\n", monitored ? 1 : 0)},
                {base + "/summary.top", summary(layout, testrun)},
                {profile + "/TQKeywords.conf", keywords}};
 

@@ -26,10 +26,17 @@ constexpr int64_t sample_partition_seconds = 3600;
 bool sample_plan_layout(sample_layout_t *layout, const std::string &work_dir, int testrun, int partitions,
                         const std::string &start);
 
-// Makes everything but the raw data files. `keywords`: lines of the keyword file. 0 or -1; a test run that stands
-// there already is an error.
+// Makes everything but the raw data files. `keywords`: lines of the keyword file; `monitored`: the parent takes
+// monitors. 0 or -1; a test run that stands there already is an error.
 int sample_make_layout(const sample_layout_t &layout, const std::string &work_dir, int testrun,
-                       const std::string &keywords);
+                       const std::string &keywords, bool monitored);
+
+// Makes one more partition, the newest from now on, behind the others: `begin` is a time after theirs. Its raw data
+// files are the caller's to make. 0 or -1.
+int sample_add_partition(sample_layout_t *layout, int64_t begin);
+
+// Writes a small file anew; a reader sees the old bytes or the new ones. 0 or -1.
+int sample_replace_file(const std::string &path, std::string_view bytes);
 
 // Makes an empty raw data file. Its descriptor, for the caller to close, or -1.
 int sample_open_raw_file(const sample_layout_t &layout, size_t partition, const std::string &instance_name);

@@ -5,6 +5,8 @@
 //   Failure none
 #include "sample_records.h"
 
+#include "sample_tags.h"
+
 #include <iterator>
 
 void sample_put_identity(std::string &out, const sample_instance_t &inst) {
@@ -12,19 +14,14 @@ void sample_put_identity(std::string &out, const sample_instance_t &inst) {
              inst.app_id, '\n');
 }
 
-void sample_put_connection(std::string &out) {
-  sample_put(out, "99,x,FPGVersion:2.0,JAVA\n");
+void sample_put_connection(std::string &out, bool old_agent) {
+  sample_put(out, "99,x,FPGVersion:", old_agent ? "1.0" : "2.0", ",JAVA\n");
 }
 
 void sample_put_start_of_agent(std::string &out, const sample_instance_t &inst, std::string_view next_tier) {
   sample_put(out, "11,0,0\n");
-  sample_put(out, "110,{\"zone\":\"eu-", 1 + inst.server_id % 3, "\",\"image\":\"", inst.app, "-4.", inst.tier_id,
-             "\"}\n");
-  sample_put(out, "111,{\"team\":\"", inst.app, "\",\"stage\":\"load\"}\n");
-  sample_put(out, "112,4,{\"release\":\"2026.", inst.tier_id, "\"}\n");
-  sample_put(out, "91,com.acme.backend.OrdersDb,", inst.tier, ",OrdersDb\n");
-  if (!next_tier.empty())
-    sample_put(out, "91,com.acme.backend.NextTier,", inst.tier, ',', next_tier, '\n');
+  sample_put_labels(out, inst);
+  sample_put_topology(out, inst, next_tier);
 }
 
 // --- discoveries ----------------------------------------------------------------------------------------------

@@ -15,8 +15,8 @@
 // 0,tier,server,app,1,1,1
 void sample_put_identity(std::string &out, const sample_instance_t &inst);
 
-// 99,x,FPGVersion:2.0,JAVA
-void sample_put_connection(std::string &out);
+// 99,x,FPGVersion:2.0,JAVA; old agents: 1.0
+void sample_put_connection(std::string &out, bool old_agent);
 
 // 11: the agent sends all its metadata anew. 110, 111, 112: labels. 91: who answers a backend.
 void sample_put_start_of_agent(std::string &out, const sample_instance_t &inst, std::string_view next_tier);

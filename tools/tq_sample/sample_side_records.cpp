@@ -7,11 +7,11 @@
 #include "sample_flowpath.h"
 #include "sample_records.h"
 
-static int32_t header_id(sample_stream_t &stream, sample_header_use use) {
+int32_t sample_any_header_id(sample_stream_t &stream, sample_header_use use) {
   return sample_any_id(stream, SAMPLE_HEADER, stream.tier->headers[use]);
 }
 
-static void put_front(std::string &out, int event, const sample_tuple &fpi) {
+void sample_put_side_front(std::string &out, int event, const sample_tuple &fpi) {
   sample_put(out, event, ',');
   sample_put_tuple(out, fpi);
   sample_put_one(out, ',');
@@ -20,22 +20,22 @@ static void put_front(std::string &out, int event, const sample_tuple &fpi) {
 // name:value, the value a header id or a literal in angle brackets, which hold neither ">" nor "|" nor ",".
 static void put_header_items(std::string &out, sample_stream_t &stream, uint32_t count) {
   for (uint32_t i = 0; i < count; ++i) {
-    sample_put(out, i > 0 ? "|" : "", header_id(stream, SAMPLE_HEADER_NAME), ':');
+    sample_put(out, i > 0 ? "|" : "", sample_any_header_id(stream, SAMPLE_HEADER_NAME), ':');
     if (stream.random.chance(60))
-      sample_put_one(out, header_id(stream, SAMPLE_HEADER_VALUE));
+      sample_put_one(out, sample_any_header_id(stream, SAMPLE_HEADER_VALUE));
     else
       sample_put(out, "<req-", stream.random.next() & 0xffffffU, '>');
   }
 }
 
 void sample_put_request_headers(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
-  put_front(out, 12, fpi);
+  sample_put_side_front(out, 12, fpi);
   put_header_items(out, stream, stream.random.between(2, 6));
   sample_put_one(out, '\n');
 }
 
 static void put_response_headers(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
-  put_front(out, 13, fpi);
+  sample_put_side_front(out, 13, fpi);
   sample_put(out, stream.random.chance(95) ? 200 : 404, ',');
   put_header_items(out, stream, stream.random.between(1, 4));
   sample_put_one(out, '\n');
@@ -44,7 +44,7 @@ static void put_response_headers(std::string &out, sample_stream_t &stream, cons
 // An item with the kind of its value: name:1:<4711>, name:2:<17.25>. The byte behind the kind is no comma, since
 // commas part the record.
 static void put_number_item(std::string &out, sample_stream_t &stream, bool whole) {
-  sample_put(out, header_id(stream, SAMPLE_HEADER_CUSTOM), whole ? ":1:<" : ":2:<");
+  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), whole ? ":1:<" : ":2:<");
   sample_put(out, stream.random.below(100000));
   if (!whole)
     sample_put(out, '.', stream.random.between(10, 99));
@@ -52,7 +52,7 @@ static void put_number_item(std::string &out, sample_stream_t &stream, bool whol
 }
 
 static void put_custom_data(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
-  put_front(out, 17, fpi);
+  sample_put_side_front(out, 17, fpi);
   put_number_item(out, stream, true);
   sample_put_one(out, '|');
   put_number_item(out, stream, false);
@@ -60,18 +60,18 @@ static void put_custom_data(std::string &out, sample_stream_t &stream, const sam
 }
 
 static void put_session_attributes(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
-  put_front(out, 18, fpi);
-  sample_put(out, header_id(stream, SAMPLE_HEADER_SESSION), ":<user-");
+  sample_put_side_front(out, 18, fpi);
+  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_SESSION), ":<user-");
   sample_put(out, stream.random.below(5000), ">|");
-  sample_put(out, header_id(stream, SAMPLE_HEADER_SESSION), ":<EUR>\n");
+  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_SESSION), ":<EUR>\n");
 }
 
 static void put_method_arguments(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
-  put_front(out, 19, fpi);
+  sample_put_side_front(out, 19, fpi);
   sample_put(out, "0:");
   put_number_item(out, stream, true);
   sample_put(out, "|1:", sample_any_id(stream, SAMPLE_METHOD, stream.tier->layers[SAMPLE_INNER]), ":arg0:");
-  sample_put(out, header_id(stream, SAMPLE_HEADER_CUSTOM), ":String:<A-");
+  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), ":String:<A-");
   sample_put(out, stream.random.below(9999), ">\n");
 }
 
@@ -83,16 +83,16 @@ static void put_message(std::string &out, sample_stream_t &stream, const sample_
 }
 
 static void put_logged_values(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
-  put_front(out, 20, fpi);
+  sample_put_side_front(out, 20, fpi);
   sample_put(out, "3,", stream.random.below(100000), ',');
   sample_put(out, sample_any_id(stream, SAMPLE_METHOD, stream.tier->layers[SAMPLE_INNER]), ",12,1,0,2,1,0|");
-  sample_put(out, header_id(stream, SAMPLE_HEADER_CUSTOM), ',');
+  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), ',');
   sample_put(out, stream.random.below(1000), '|', fpi.self % 2 == 0 ? "" : "|");
-  sample_put(out, header_id(stream, SAMPLE_HEADER_CUSTOM), ",open\n");
+  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), ",open\n");
 }
 
 static void put_body(std::string &out, sample_stream_t &stream, const sample_tuple &fpi, int event) {
-  put_front(out, event, fpi);
+  sample_put_side_front(out, event, fpi);
   const uint32_t order = stream.random.below(100000);
   sample_put(out, "1,0,", 20 + order % 380, ",1,application/json,{\"order\":", order, "},\n");
 }
@@ -144,7 +144,7 @@ static void put_thrown(std::string &out, sample_stream_t &stream) {
 void sample_put_exception(std::string &out, sample_stream_t &stream, const sample_tuple &fpi, int64_t at_ms,
                           int32_t method_id) {
   const bool extended = stream.random.chance(50);
-  put_front(out, extended ? 38 : 31, fpi);
+  sample_put_side_front(out, extended ? 38 : 31, fpi);
   sample_put(out, at_ms / 1000, ','); // seconds since the test's epoch
   if (extended && stream.random.chance(50))
     sample_put(out, method_id, ",88,2,", sample_any_id(stream, SAMPLE_SQL), ',');

@@ -34,7 +34,11 @@ int32_t sample_local_id(sample_stream_t &stream, sample_kind kind, uint32_t text
   if (id == 0) {
     // SQL texts of both kinds share one row of ids.
     id = ++stream.last_local_id[kind == SAMPLE_SQL_PLAIN ? SAMPLE_SQL : kind];
+    const size_t before = stream.out.size();
     sample_put_discovery(stream.out, stream.random, kind, stream.tier->texts[kind][text_index], id);
+    // Nobody can ask for a stack trace, so that none is forgotten.
+    if (stream.load->forget > 0 && kind != SAMPLE_EXCP_ST && ++stream.announced % stream.load->forget == 0)
+      stream.out.resize(before);
   }
   return id;
 }
@@ -78,7 +82,7 @@ static void announce_start(sample_stream_t &stream) {
 
 void sample_begin_file(sample_stream_t &stream, bool first_partition) {
   sample_put_identity(stream.out, *stream.inst);
-  sample_put_connection(stream.out);
+  sample_put_connection(stream.out, stream.load->old_agents);
   if (first_partition && stream.load->mix == SAMPLE_MIX_ALL)
     announce_start(stream);
 }

@@ -20,6 +20,8 @@ struct sample_load_t {
   sample_mix mix;
   uint32_t flowpath_methods; // about so many methods in a flowpath's first segment
   uint32_t in_flight;        // flowpaths whose records interleave
+  uint32_t forget;           // every so many-th announcement of an id stays away; 0: none
+  bool old_agents;           // of the first version, which is asked for metadata in a form of its own
 };
 
 // Names a segment: itself, the whole transaction's first one, the one that started it, the one that owns the flowpath.
@@ -54,6 +56,7 @@ struct sample_stream_t {
   // --- ids ---
   std::vector<int32_t> local_ids[SAMPLE_KINDS]; // by text; 0: not announced yet
   int32_t last_local_id[SAMPLE_KINDS];          // ids are handed out densely from 1
+  uint32_t announced;                           // of the kinds that may be forgotten
   int64_t last_fpi_ms;                          // time and running number in the newest fpi
   int32_t last_fpi_seq;
 
@@ -83,7 +86,8 @@ void sample_begin_file(sample_stream_t &stream, bool first_partition);
 // Appends the next record to stream.out. False: the limits are reached and nothing is in flight.
 bool sample_next_record(sample_stream_t &stream);
 
-// The local id of a text; the first time it is asked for, its discovery record goes to stream.out.
+// The local id of a text; the first time it is asked for, its discovery record goes to stream.out,
+// unless the load wants it forgotten.
 int32_t sample_local_id(sample_stream_t &stream, sample_kind kind, uint32_t text_index);
 
 // The local id of a text drawn from a part of a kind, or from all of it.

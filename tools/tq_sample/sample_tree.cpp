@@ -9,6 +9,7 @@
 
 #include "sample_flowpath.h"
 #include "sample_records.h"
+#include "sample_tags.h"
 
 struct open_method {
   int32_t id;
@@ -353,6 +354,9 @@ static void begin_segment(sample_walk &walk) {
     sample_put_request_headers(strand.bytes, *walk.stream, segment.fpi);
     sample_end_record(strand);
   }
+  const bool detailed = sample_is_detailed(*walk.stream, segment);
+  if (detailed && walk.random->chance(25))
+    sample_put_detail_ahead(strand, *walk.stream, segment.fpi);
   std::string query;
   if (walk.random->chance(40))
     sample_put(query, "customer=", walk.random->below(5000), "&view=full");
@@ -364,6 +368,8 @@ static void begin_segment(sample_walk &walk) {
     sample_put_request_headers(strand.bytes, *walk.stream, segment.fpi);
     sample_end_record(strand);
   }
+  if (detailed)
+    sample_put_detail(strand, *walk.stream, segment.fpi);
   if (segment.header_event == 2)
     sample_put_side_records(strand, *walk.stream, segment);
 }
@@ -379,7 +385,7 @@ static void end_segment(sample_walk &walk) {
   result.wait_ms = walk.t / 10;
   result.response_ms = walk.t;
   result.url_id = walk.random->chance(50) ? segment.url_id : 0;
-  result.tag_id = walk.random->chance(80) ? -1 : 4;
+  result.tag_id = walk.random->chance(80) ? -1 : sample_tag_set(segment.fpi.main);
   result.flowpath_type = segment.header_event == 82 ? 2 : 1;
   result.correlation = segment.flowpath->call.correlation;
   sample_put_result(strand_of(walk).bytes, result);

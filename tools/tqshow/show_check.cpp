@@ -8,6 +8,7 @@
 #include "show_check.h"
 
 #include "show_blob.h"
+#include "show_detail.h"
 #include "show_side_files.h"
 
 #include <algorithm>
@@ -140,23 +141,6 @@ static void check_callouts(check_row &at, const show_segment_line &line, std::st
 
 // --- segments -----------------------------------------------------------------------------------------------------
 
-// Texts that event by event went into the sequence blob file: "partition:offset:length", joined by '@'.
-static void check_members(check_row &at, const show_segment_line &line, std::string_view entries) {
-  while (!entries.empty()) {
-    const std::string_view entry = entries.substr(0, entries.find('@'));
-    entries.remove_prefix(std::min(entry.size() + 1, entries.size()));
-    std::string_view parts[3];
-    show_blob_file file;
-    std::string text;
-    const char *words = "cannot be read";
-    if (show_split(entry, ':', parts, 3) == 3 &&
-        show_open_blob_file(at.check.run, parts[0], at.row.number(ROW_APP), &file))
-      words = show_read_member(file, show_number_or(parts[1], -1), show_number_or(parts[2], -1), &text);
-    if (words)
-      segment_fault(at, line, "its text at " + show_printable(entry, 60) + " " + words);
-  }
-}
-
 // Whether the offset of a segment's line is sure to be one of its partition's file: its flowpath ended in time.
 static bool offset_is_sure(const check_row &at, const show_segment_line &line) {
   return line[LINE_PARTITION] == at.partition && at.reference.partition == at.partition;
@@ -182,8 +166,8 @@ static void check_segment(check_row &at, const show_segment_line &line) {
   const std::string words = missing_name(at.check, KIND_URL, line.number(LINE_URL));
   if (!words.empty())
     segment_fault(at, line, words);
-  for (size_t column = LINE_DYNAMIC; column <= LINE_RESPONSE_BODY; ++column)
-    check_members(at, line, line[column]);
+  for (const std::string &fault : show_check_detail(at.check.run, at.check.names, at.row.number(ROW_APP), line))
+    segment_fault(at, line, fault);
   show_segment_texts texts;
   if (show_has_no_blob(line) || !read_segment_texts(at, line, &texts))
     return;

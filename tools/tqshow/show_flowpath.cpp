@@ -5,6 +5,7 @@
 //   Failure what cannot be read is told in its place, the rest goes on; the exit status is 1 then
 #include "show_flowpath.h"
 
+#include "show_detail.h"
 #include "show_exceptions.h"
 #include "show_tree.h"
 
@@ -106,6 +107,8 @@ static void print_head(const printed_row &p) {
          row[ROW_METHODS].data(), print_len(row[ROW_CALLOUTS]), row[ROW_CALLOUTS].data(), print_len(row[ROW_ERRORS]),
          row[ROW_ERRORS].data());
   printf("correlation  %s\n", show_printable(row[ROW_CORRELATION], 255).c_str());
+  if (const int64_t tags = row.number(ROW_TAGS); tags != 0)
+    printf("tags         %s\n", show_name(p.names, KIND_TAG, tags, 1000).c_str());
   printf("list         %s\n", show_printable(row[ROW_REFERENCE], 255).c_str());
 }
 
@@ -140,13 +143,12 @@ static bool print_segment(const printed_row &p, const show_segment_line &line) {
     printf("its texts cannot be read: %s\n", words.c_str());
     return false;
   }
-  if (!texts.detail.empty())
-    printf("detail       %s\n", show_printable(texts.detail, 500).c_str());
+  const bool good = show_print_detail(p.run, p.names, p.row.number(ROW_APP), line, texts.detail);
   if (show_has_no_blob(line))
     printf("it left no call tree\n");
   else
     show_print_tree(p.names, texts.blob);
-  return true;
+  return good;
 }
 
 static bool print_flowpath(const printed_row &p) {
@@ -170,7 +172,7 @@ static bool print_flowpath(const printed_row &p) {
 
 int show_one(const show_run &run, const show_choice &choice) {
   show_names names;
-  show_load_names(run, show_tree_kinds | 1U << KIND_URL, true, &names, nullptr);
+  show_load_names(run, show_tree_kinds | show_detail_kinds | 1U << KIND_URL | 1U << KIND_TAG, true, &names, nullptr);
   int64_t flowpath = choice.flowpath;
   int found = 0;
   bool good = true;
@@ -178,7 +180,7 @@ int show_one(const show_run &run, const show_choice &choice) {
     show_lines lines(show_data_path(run, partition, instance, "TQFlowPath.csv"));
     for (std::string_view line; lines.next(&line) && !(choice.first && found > 0);) {
       show_row row;
-      if (show_split_row(line, &row) || (!choice.first && row.number(ROW_FPI) != choice.flowpath))
+      if (show_split_row(line, &row) || (!choice.first && !choice.every && row.number(ROW_FPI) != choice.flowpath))
         continue;
       if (found++ > 0)
         printf("\n");
@@ -187,9 +189,9 @@ int show_one(const show_run &run, const show_choice &choice) {
     }
     return !(choice.first && found > 0);
   });
-  if (found > 0)
+  if (found > 0 && !choice.every)
     show_exceptions_of(run, choice, flowpath);
-  else
+  else if (found == 0)
     fputs("There is no such flowpath\n", stderr);
   return found > 0 && good ? 0 : 1;
 }

@@ -8,6 +8,7 @@ struct show_choice {
   std::string partition, instance; // empty: all of them
   int64_t flowpath = 0;
   bool first = false; // the first one that there is
+  bool every = false; // all of them
 };
 
 // Calls `use` for each partition and instance of the choice, oldest partition first, until it returns false.
@@ -28,5 +29,5 @@ void show_tell_bad_row(const std::string &path, const show_lines &lines, const c
 // Prints one line for each flowpath. 0, or 1 when a row cannot be read.
 int show_list(const show_run &run, const show_choice &choice);
 
-// Prints the chosen flowpath with its call trees and exceptions. 0, or 1 when it is not there or not whole.
+// Prints the chosen flowpath with its call trees and exceptions; or every one, without exceptions. 0, or 1 when it is not there or not whole.
 int show_one(const show_run &run, const show_choice &choice);

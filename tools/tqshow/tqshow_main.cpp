@@ -19,6 +19,7 @@ static const char usage_text[] =
     "\n"
     "  --first            prints the first flowpath instead, with the call trees of its segments\n"
     "  --flowpath FPI     prints this flowpath, below its call trees its exceptions\n"
+    "  --every            prints every flowpath so, without exceptions\n"
     "  --exceptions       lists the exceptions instead, a line each\n"
     "  --check            checks every reference between the files: exit status 0 and one line of totals, or\n"
     "                     exit status 1 and what is wrong (texts that inflate to more than 1 GiB count as damaged)\n"
@@ -47,6 +48,7 @@ enum option_id {
   OPT_INSTANCE,
   OPT_FIRST,
   OPT_FLOWPATH,
+  OPT_EVERY,
   OPT_EXCEPTIONS,
   OPT_CHECK,
   OPT_HELP
@@ -60,6 +62,7 @@ static constexpr option options[] = {
   {"instance",   required_argument, nullptr, OPT_INSTANCE},
   {"first",      no_argument,       nullptr, OPT_FIRST},
   {"flowpath",   required_argument, nullptr, OPT_FLOWPATH},
+  {"every",      no_argument,       nullptr, OPT_EVERY},
   {"exceptions", no_argument,       nullptr, OPT_EXCEPTIONS},
   {"check",      no_argument,       nullptr, OPT_CHECK},
   {"help",       no_argument,       nullptr, OPT_HELP},
@@ -85,6 +88,9 @@ static bool take_option(command_line &line, int id) {
   case OPT_FLOWPATH:
     line.one = true;
     return take_number("flowpath", optarg, INT64_MIN, INT64_MAX, &line.choice.flowpath);
+  case OPT_EVERY:
+    line.one = line.choice.every = true;
+    return true;
   case OPT_EXCEPTIONS:
     line.exceptions = true;
     return true;

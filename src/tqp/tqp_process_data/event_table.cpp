@@ -5,6 +5,7 @@
 
 #include "event_table.h"
 
+#include "metadata_request.h"
 #include "record_dispatch.h"
 
 #include <array>
@@ -23,15 +24,15 @@ static constexpr tq_event_row tq_event_rows[] = {
   {TQ_EV_HTTP_HEADER_DISCOVERY,      SUM_REP_CNT_TQ_EV_HTTP_HEADER_DISCOVERY,      tq_run_header_discovery},
   {TQ_EV_URL_DISCOVERY,              SUM_REP_CNT_TQ_EV_URL_DISCOVERY,              tq_run_url_discovery},
   {TQ_DATA_OVER,                     SUM_REP_CNT_TQ_DATA_OVER,                     run_data_over},
-  {TQ_EV_HTTP_HEADER_REQ,            SUM_REP_CNT_TQ_EV_HTTP_HEADER_REQ,            nullptr},
-  {TQ_EV_HTTP_HEADER_REP,            SUM_REP_CNT_TQ_EV_HTTP_HEADER_REP,            nullptr},
-  {TQ_EV_REQ_BODY,                   SUM_REP_CNT_TQ_EV_REQ_BODY,                   nullptr},
-  {TQ_EV_RESP_BODY,                  SUM_REP_CNT_TQ_EV_RESP_BODY,                  nullptr},
+  {TQ_EV_HTTP_HEADER_REQ,            SUM_REP_CNT_TQ_EV_HTTP_HEADER_REQ,            tq_run_request_detail},
+  {TQ_EV_HTTP_HEADER_REP,            SUM_REP_CNT_TQ_EV_HTTP_HEADER_REP,            tq_run_request_detail},
+  {TQ_EV_REQ_BODY,                   SUM_REP_CNT_TQ_EV_REQ_BODY,                   tq_run_captured_body},
+  {TQ_EV_RESP_BODY,                  SUM_REP_CNT_TQ_EV_RESP_BODY,                  tq_run_captured_body},
   {TQ_EV_JMS,                        SUM_REP_CNT_TQ_JMS,                           tq_run_jms},
-  {TQ_EV_CUSTOM_DATA,                SUM_REP_CNT_TQ_SESSION_ATTR_SPECIFIC,         nullptr},
-  {TQ_EV_SESSION_ATTR,               SUM_REP_CNT_TQ_SESSION_ATTR_ALL,              nullptr},
-  {TQ_EV_CUSTOM_METHOD_ARGS_DATA,    SUM_REP_CNT_TQ_SESSION_ATTR_SPECIFIC_METHOD_ARGS, nullptr},
-  {TQ_EV_DYNAMIC_LOGGING,            SUM_REP_CNT_TQ_EV_DYNAMIC_LOGGING,            nullptr},
+  {TQ_EV_CUSTOM_DATA,                SUM_REP_CNT_TQ_SESSION_ATTR_SPECIFIC,         tq_run_request_detail},
+  {TQ_EV_SESSION_ATTR,               SUM_REP_CNT_TQ_SESSION_ATTR_ALL,              tq_run_request_detail},
+  {TQ_EV_CUSTOM_METHOD_ARGS_DATA,    SUM_REP_CNT_TQ_SESSION_ATTR_SPECIFIC_METHOD_ARGS, tq_run_method_args},
+  {TQ_EV_DYNAMIC_LOGGING,            SUM_REP_CNT_TQ_EV_DYNAMIC_LOGGING,            tq_run_dynamic_logging},
   {TQ_EV_SQL_PREPARED_DISCOVERY,     SUM_REP_CNT_TQ_EV_SQL_PREPARED_DISCOVERY,     tq_run_sql_discovery},
   {TQ_EV_SQL_NON_PREPARED_DISCOVERY, SUM_REP_CNT_TQ_EV_SQL_NON_PREPARED_DISCOVERY, tq_run_sql_discovery},
   {TQ_EV_RESOURCE_DISCOVERY,         SUM_REP_CNT_TQ_EV_RESOURCE_DISCOVERY,         tq_run_plain_discovery},
@@ -51,6 +52,13 @@ static constexpr tq_event_row tq_event_rows[] = {
   {TQ_EV_SEGMENT_SEQ_BLOB_INCOMPLETE, NO_COUNTER,                                  tq_run_blob},
   {TQ_EV_SEGMENT_SEQ_BLOB_COMPLETE,  NO_COUNTER,                                   tq_run_blob},
   {TQ_EV_NEW_CONNECTION,             NO_COUNTER,                                   tq_run_new_connection},
+  {TQ_SENDING_META_DATA,             NO_COUNTER,                                   tq_run_resend},
+  {TQ_EV_BODY_OF_REQUEST,            NO_COUNTER,                                   tq_run_body_response},
+  {TQ_EV_BODY_OF_RESPONSE,           NO_COUNTER,                                   tq_run_body_response},
+  {TQ_EV_AUTO_TOPOLOGY_DISCOVEY,     NO_COUNTER,                                   tq_run_topology},
+  {TQ_EV_GLOBAL_ATTRIBUTES,          NO_COUNTER,                                   tq_run_global_text},
+  {TQ_EV_GLOBAL_TAGS,                NO_COUNTER,                                   tq_run_global_text},
+  {TQ_EV_TAGS,                       NO_COUNTER,                                   tq_run_tags},
 };
 // clang-format on
 
@@ -83,4 +91,6 @@ void tq_process_data_line(tqp_instance_t *inst, int event_id, char **p_cursor, c
     }
   }
   *p_cursor = end_of_record + 1;
+  if (from_recovery == 0 && tqp_reply_lines_kept)
+    tqp_run_kept_reply_lines(inst);
 }

@@ -36,3 +36,12 @@ void tq_run_exit_blob(tq_event &ev);        // 43, 44
 void tq_run_async_response(tq_event &ev);   // 80
 void tq_run_exception(tq_event &ev);        // 31, 38  exception_records.cpp
 void tq_run_jms(tq_event &ev);              // 16      jms_record.cpp
+void tq_run_request_detail(tq_event &ev);   // 12, 13, 17, 18  request_detail.cpp
+void tq_run_method_args(tq_event &ev);      // 19      method_args_detail.cpp
+void tq_run_captured_body(tq_event &ev);    // 14, 15  captured_body.cpp
+void tq_run_dynamic_logging(tq_event &ev);  // 20      dynamic_logging.cpp
+void tq_run_body_response(tq_event &ev);    // 45, 46
+void tq_run_resend(tq_event &ev);           // 11      resend.cpp
+void tq_run_global_text(tq_event &ev);      // 110, 111  tag_records.cpp
+void tq_run_tags(tq_event &ev);             // 112
+void tq_run_topology(tq_event &ev);         // 91

@@ -8,6 +8,7 @@
 
 #include "event_table.h"
 #include "flowpath_files.h"
+#include "metadata_request.h"
 #include "record_errors.h"
 #include "tqp_recovery.h"
 
@@ -34,24 +35,48 @@ struct excp_number_row {
   bool extended;                         // in event 38 only
   int64_t empty;                         // what an empty field is
   wllb_zarray<int> tqp_instance_t::*map; // null: no id, or one of sql_query_map
+  int kind;                              // of the metadata that tells the id; 0: no id
   const char *unknown;                   // told when the id lies beyond the map
 };
 
 // clang-format off
 static constexpr excp_number_row number_rows[N_NUMBERS] = {
-  {true,  -1, &tqp_instance_t::method_map,       "Method Id found for which meta data record 5 not found."},
-  {true,   0, nullptr,                           nullptr},
-  {true,   0, nullptr,                           nullptr},
-  {true,  -1, nullptr,                           "Backend subtype found for which meta data record 22 not found."},
-  {false,  0, &tqp_instance_t::excp_cls_map,     "Class Id found for which meta data record 32 not found."},
-  {false,  0, &tqp_instance_t::excp_thr_cls_map, "Throwing Class Id found for which meta data record 33 not found."},
-  {false,  0, &tqp_instance_t::excp_thr_mtd_map, "Throwing method Id found for which meta data record 34 not found."},
-  {false,  0, nullptr,                           nullptr},
-  {false,  0, &tqp_instance_t::excp_msg_map,     "Message Id found for which meta data record 35 not found."},
-  {false,  0, &tqp_instance_t::excp_cause_map,   "Cause Id found for which meta data record 37 not found."},
+  {true,  -1, &tqp_instance_t::method_map,       TQ_EV_METHOD_DISCOVERY,       "Method Id found for which meta data record 5 not found."},
+  {true,   0, nullptr,                           0,                            nullptr},
+  {true,   0, nullptr,                           0,                            nullptr},
+  {true,  -1, nullptr,                           TQ_EV_SQL_DISCOVERY,          "Backend subtype found for which meta data record 22 not found."},
+  {false,  0, &tqp_instance_t::excp_cls_map,     TQ_EV_EXCP_CLS_DISCOVERY,     "Class Id found for which meta data record 32 not found."},
+  {false,  0, &tqp_instance_t::excp_thr_cls_map, TQ_EV_EXCP_THR_CLS_DISCOVERY, "Throwing Class Id found for which meta data record 33 not found."},
+  {false,  0, &tqp_instance_t::excp_thr_mtd_map, TQ_EV_EXCP_THR_MTD_DISCOVERY, "Throwing method Id found for which meta data record 34 not found."},
+  {false,  0, nullptr,                           0,                            nullptr},
+  {false,  0, &tqp_instance_t::excp_msg_map,     TQ_EV_EXCP_MSG_DISCOVERY,     "Message Id found for which meta data record 35 not found."},
+  {false,  0, &tqp_instance_t::excp_cause_map,   TQ_EV_EXCP_CAUSE_DISCOVERY,   "Cause Id found for which meta data record 37 not found."},
 };
 
 // clang-format on
+
+// Method and query ask for nothing when they are negative, message and cause when they are 0.
+static bool may_be_asked_for(const int64_t (&numbers)[N_NUMBERS], int i) {
+  switch (i) {
+  case METHOD:
+    return numbers[i] >= 0;
+  case BACKEND_SUB_TYPE:
+    return numbers[i] >= 0 && numbers[BACKEND_TYPE] == BACKEND_SQL;
+  case MSG:
+  case CAUSE:
+    return numbers[i] != 0;
+  default:
+    return number_rows[i].kind != 0;
+  }
+}
+
+// Lets the agent tell an id that nobody has told.
+static void ask_for_unknown(tqp_instance_t *inst, const int64_t (&numbers)[N_NUMBERS], int i, int64_t timestamp) {
+  const excp_number_row &row = number_rows[i];
+  const bool known = row.map && numbers[i] > 0 && (inst->*row.map).at_or_zero(numbers[i]) != 0;
+  if (!known && may_be_asked_for(numbers, i))
+    get_meta_data_for_events_from_bci(inst, row.kind, numbers[i], timestamp);
+}
 
 // An id equal to the map's size still passes.
 static bool lies_beyond_map(const tqp_instance_t *inst, const int64_t (&numbers)[N_NUMBERS], int i) {
@@ -61,7 +86,7 @@ static bool lies_beyond_map(const tqp_instance_t *inst, const int64_t (&numbers)
 }
 
 // False, after it has been told why: the record is dropped.
-static bool read_numbers(tq_event &ev, int64_t (&numbers)[N_NUMBERS]) {
+static bool read_numbers(tq_event &ev, int64_t timestamp, int64_t (&numbers)[N_NUMBERS]) {
   for (int i = 0; i < N_NUMBERS; ++i) {
     const excp_number_row &row = number_rows[i];
     numbers[i] = row.empty;
@@ -74,6 +99,7 @@ static bool read_numbers(tq_event &ev, int64_t (&numbers)[N_NUMBERS]) {
     }
     if (*text)
       numbers[i] = strtoll(text, nullptr, 10);
+    ask_for_unknown(ev.inst, numbers, i, timestamp);
     if (lies_beyond_map(ev.inst, numbers, i)) {
       tqp_rawdata_error(ev.inst, "%s", row.unknown);
       return false;
@@ -104,7 +130,7 @@ void tq_run_exception(tq_event &ev) {
   if (ev.f.ended)
     return tqp_incomplete_record(ev.inst);
   int64_t numbers[N_NUMBERS];
-  if (!read_numbers(ev, numbers))
+  if (!read_numbers(ev, strtoll(row.timestamp, nullptr, 10), numbers))
     return;
   row.stack_trace = ev.f.next();
   if (!ev.f.ended)

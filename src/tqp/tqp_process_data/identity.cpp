@@ -1,7 +1,7 @@
 // Who the instance is: the identity record at the head of a raw file, and the agent's connection record.
 //   In      0,tier,server,app,tier id,server id,app id    99,x,FPGVersion:2.0,JAVA
 //   Out     names, ids, flowpath format version and agent kind of the instance; the maps of the last run, read back
-//   Thread  the instance's; the names change under tqp_imap_lock, since other threads read them
+//   Thread  the instance's; names and ids change under tqp_imap_lock, since other threads read them
 //   Failure a bad identity record sets get_tsa_id, which gives up the block
 
 #include "event_table.h"
@@ -13,13 +13,12 @@
 #include <cstring>
 #include <pthread.h>
 
-static void replace_name(char **name, const char *text, const char *label) {
+static void replace_name(char **name, const char *text, const char *label) WLLB_REQUIRES(tqp_imap_lock) {
   const size_t size = strlen(text) + 1;
   auto *copy = static_cast<char *>(malloc(size));
   if (!copy)
     wllb_out_of_memory(size, label);
   memcpy(copy, text, size);
-  wllb_hold hold(tqp_imap_lock);
   free(*name);
   *name = copy;
 }
@@ -33,7 +32,7 @@ static char *next_but_not_last(tq_event &ev) {
   return nullptr;
 }
 
-static bool read_names(tq_event &ev) {
+static bool read_names(tq_event &ev) WLLB_REQUIRES(tqp_imap_lock) {
   struct name_row {
     char **name;
     const char *label;
@@ -58,8 +57,9 @@ static bool read_names(tq_event &ev) {
   return false;
 }
 
-// 0, or -1 for a record that ends early or belongs to another file.
+// 0, or -1 for a record that ends early or belongs to another file. Others see the names and the ids at once.
 static int parse_tq_ev_tsa_id_header(tq_event &ev) {
+  wllb_hold hold(tqp_imap_lock);
   if (!read_names(ev))
     return -1;
   for (int *id : {&ev.inst->tierID, &ev.inst->serverID}) {

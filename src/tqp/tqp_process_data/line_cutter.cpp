@@ -19,23 +19,33 @@ struct block_t {
   int is_test_running;
 };
 
+// Null for a body that is only counted, and for one whose file cannot be opened.
+static wllb_file open_body_file(const tqp_instance_t *inst) {
+  const char *path = inst->httpbody_file_path_name;
+  if (!*path)
+    return nullptr;
+  wllb_file body(tqp_make_data_file_as(path, "a", true));
+  if (!body)
+    wllb_trace(1, "Error", "Could not open file '%s' for writing", path);
+  return body;
+}
+
 // Bytes of a captured body stand where lines would: they go to the body's file. True when the block is used up.
 static bool take_body_bytes(block_t &b) {
   tqp_instance_t *inst = b.inst;
   const auto rest = b.end - b.cur;
-  wllb_file body(my_fopen(inst->httpbody_file_path_name, "a"));
-  if (body)
-    tqp_own_path(inst->httpbody_file_path_name);
-  else
-    wllb_trace(1, "Error", "Could not open file '%s' for writing", inst->httpbody_file_path_name);
+  const wllb_file body = open_body_file(inst);
+  const bool writes = body && inst->httpbody_remaining_bytes > 1;
   if (inst->httpbody_remaining_bytes > rest) {
-    if (body && inst->httpbody_remaining_bytes >= 2)
+    if (writes) {
+      wllb_trace(2, "Info", "Dumping %d bytes in file '%s'", static_cast<int>(rest), inst->httpbody_file_path_name);
       fwrite(b.cur, 1, static_cast<size_t>(rest), body.get());
+    }
     inst->httpbody_remaining_bytes -= static_cast<int>(rest);
     return true;
   }
   // The body's last byte is its record's newline. The cursor stays: what was written is read again as lines.
-  if (body && inst->httpbody_remaining_bytes >= 2)
+  if (writes)
     fwrite(b.cur, 1, static_cast<size_t>(inst->httpbody_remaining_bytes) - 1, body.get());
   inst->httpbody_file_path_name[0] = 0;
   inst->httpbody_remaining_bytes = 0;

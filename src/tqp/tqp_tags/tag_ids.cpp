@@ -85,13 +85,13 @@ static uint32_t add_copy(const char *text, int text_length, uint32_t id) {
   return added;
 }
 
-bool get_norm_id(std::atomic<uint32_t> *counter, const char *text, int text_length, uint32_t *out_id, int kind) {
+bool get_norm_id(std::atomic<uint32_t> *counter, const char *text, int text_length, uint32_t *out_id, int /*kind*/) {
   *out_id = lookup_name_str_32(key_tags, text);
   if (*out_id != wllb_string_absent)
     return true;
   const uint32_t id = take_tag_id(counter);
   // Added with the id just taken, not with the counter as it stands now: two texts never share an id.
-  const uint32_t added = kind < 4 ? add_name_str_32(key_tags, text, id) : add_copy(text, text_length, id);
-  *out_id = added == wllb_string_absent ? lookup_name_str_32(key_tags, text) : id;
-  return false;
+  const bool lost = add_copy(text, text_length, id) == wllb_string_absent;
+  *out_id = lost ? lookup_name_str_32(key_tags, text) : id;
+  return lost;
 }

@@ -16,7 +16,7 @@ void tqp_init_norm_table();
 // Gives key_tags back, with the texts that get_norm_id copied. No other thread may use it any more.
 void tqp_free_norm_table();
 
-// The id of a NUL-terminated text of `text_length` bytes. True when it was known; false when it was added or another
-// thread was first. A kind below 4 keeps the caller's pointer, which must stay unchanged until tqp_free_norm_table;
-// other kinds keep a copy.
+// The id of a NUL-terminated text of `text_length` bytes. False when this call added it, which happens once for a text:
+// when another thread was first, the id taken in vain is lost. The table keeps a copy of every text, so `kind`, the local
+// tag id, has no meaning any more.
 bool get_norm_id(std::atomic<uint32_t> *counter, const char *text, int text_length, uint32_t *out_id, int kind);
