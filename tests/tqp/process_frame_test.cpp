@@ -3,6 +3,7 @@
 
 #include "parent_start_time.h"
 #include "process_frame.h"
+#include "process_wake.h"
 #include "wllb_partition.h"
 
 #include <gtest/gtest.h>

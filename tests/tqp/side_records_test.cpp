@@ -391,6 +391,7 @@ TEST_F(exceptions, only_those_of_the_current_partition_are_counted) {
   open_previous(EXCP_DATA_CSV_FP);
   for (const char *time : {"1999", "999", "2000"})
     rows_with(1, time);
+  wllb_hold hold(inst->fp_stats_mutex);
   EXPECT_EQ(1U, inst->excp_counts);
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -54,7 +55,8 @@ struct field_count {
 constexpr field_count field_counts[] = {
     // clang-format off
   {0, 6, 6},   {2, 17, 17}, {3, 2, 2},   {4, 13, 13}, {5, 2, 2},   {6, 2, 2},    {7, 2, 3},    {8, 1, 0},   {10, 1, 1},
-  {11, 2, 2},  {12, 2, 2},  {13, 3, 3},  {16, 3, 3},  {17, 2, 2},  {18, 2, 2},   {19, 2, 2},   {20, 10, 12},
+  {11, 2, 2},  {12, 2, 2},  {13, 3, 3},  {14, 2, 2},  {15, 2, 2},  {16, 3, 3},  {17, 2, 2},   {18, 2, 2},
+  {19, 2, 2},  {20, 10, 12},
   {22, 2, 3},  {23, 2, 3},  {25, 1, 0},  {26, 2, 2},  {31, 9, 9},  {32, 2, 2},   {33, 2, 2},   {34, 2, 2},
   {35, 2, 2},  {36, 2, 2},  {37, 2, 2},  {38, 13, 13},{41, 2, 2},  {43, 3, 3},   {44, 10, 10}, {45, 8, 8},  {46, 8, 8},
   {51, 1, 0},  {52, 1, 0},  {53, 1, 0},  {61, 1, 0},  {62, 1, 0},  {63, 1, 0},   {71, 1, 0},   {72, 1, 0},  {73, 1, 0},
@@ -69,6 +71,7 @@ struct strict_reader {
   std::map<int64_t, int64_t> segments;    // their flowpaths
   std::map<int64_t, int64_t> flowpaths;   // how many segments of each are open
   std::map<int, int64_t> counts;          // of records
+  size_t body = 0;                        // bytes that the next line has, announced by the last one; 0: none
   std::string error;                      // the first one
 
   void want(bool good, const char *why) {
@@ -107,6 +110,8 @@ struct strict_reader {
   }
 
   void line(std::string_view text) {
+    if (const size_t announced = std::exchange(body, 0))
+      return want(text.size() == announced, "a body of another length");
     const words_t all = cut(text, ',');
     const int event = static_cast<int>(number(all[0]));
     const words_t f(all.begin() + 1, all.end());
@@ -122,6 +127,8 @@ struct strict_reader {
       discovery(event, f);
     else if (event == 2 || event == 82)
       header(event, f);
+    else if (event == 14 || event == 15)
+      body = static_cast<size_t>(number(f[1]));
     else if (blobs.contains(event))
       blob(event % 10 == 4, f[blobs.at(event)]);
   }

@@ -418,6 +418,8 @@ TEST_F(tqshow, tells_faults_inside_the_sequence_blob_file) {
       {[&] { column(5, "3"); }, "segment 77: its callout text does not inflate, or has bytes behind its end"},
       {[&] { column(9, "9223372036854775807"); }, "its callout text reaches behind the end of the sequence blob file"},
       {[&] { column(45, "20261122100000:3:20"); }, "segment 77: its text at 20261122100000:3:20 does not inflate"},
+      {[&] { column(44, ("20261122100000:0:" + num(gzip_member(payment.callouts).size())).c_str()); },
+       " is none of its kind"},
       {[&] { second.segments[0].columns[7] = "12"; },
        "segment 79: its blob has no newline where its line says that it ends"},
       {[&] { first.segments[0].callouts += ",0"; }, "segment 77: a row of its callout text has not 19 columns"},

@@ -68,8 +68,8 @@ static constexpr segment_text_row segment_texts[] = {
   {&segment_fp_t::signstr,           16385,    "Segment Signature"},
   {&segment_fp_t::req_detail_buf,    16385,    "curr_fp->req_detail_buf"},
   {&segment_fp_t::callout_buf,       1025,     "Segment Callout"},
-  {&segment_fp_t::request_body_buf,  SIZE_MAX, "Segment Request Body"},
-  {&segment_fp_t::response_body_buf, SIZE_MAX, "Segment Response Body"},
+  {&segment_fp_t::request_body_buf,  SIZE_MAX, "Request Body Buffer"},
+  {&segment_fp_t::response_body_buf, SIZE_MAX, "Response Body Buffer"},
   {&segment_fp_t::dynamic_data_buf,  SIZE_MAX, "Segment Dynamic Data"},
 }; // clang-format on
 
@@ -161,6 +161,14 @@ void remove_from_segment_array(tqp_instance_t *inst, concurrent_flowpath_t *fp, 
   tqp_remove_pool_slot(fp->seg_arr, &inst->tqp_flowpath_seg_pool, index);
 }
 
+// By whole steps, on top of what there is: a segment keeps its memory up to a told size.
 void get_memory_in_req_detail_buf(segment_fp_t *segment, size_t size) {
-  wllb_text_room(segment->req_detail_buf, size, "curr_fp->req_detail_buf");
+  constexpr size_t step = 1024;
+  wllb_text &detail = segment->req_detail_buf;
+  const size_t needed = size + 1; // with the NUL
+  if (detail.size - detail.len >= needed)
+    return;
+  const size_t grown = detail.size + (needed + step - 1) / step * step;
+  detail.data = static_cast<char *>(wllb_grow_block(detail.data, detail.size, grown, "curr_fp->req_detail_buf"));
+  detail.size = grown;
 }

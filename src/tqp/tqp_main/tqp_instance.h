@@ -28,18 +28,24 @@ enum tqp_raw_data_error_types { RAWERR_META_DATA = 0, RAWERR_SQB_TIMING = 1, __N
 // Value of enable_flag for a deleted instance.
 constexpr int INSTANCE_DELETE = 4;
 
-// Calls of one kind of query since the monitor took the numbers.
-struct db_query_stat_data {
-  uint64_t count;
-  double sum, min, max; // ms; min and max are set once count is above 0
+// Finished flowpaths. The first four cover the interval since the monitor took the numbers.
+struct fp_stat_data {
+  uint64_t min_duration = UINT64_MAX; // ms; all ones: unset
+  uint64_t max_duration = 0;
+  uint64_t total_duration = 0;
+  uint64_t fp_counts = 0;
+  uint64_t total_fp_counts = 0;    // over restarts, too
+  uint64_t total_data_process = 0; // bytes of raw data that were reported so far
 };
 
-// By find_query_type: 1 select to 6 drop; 0 and the rest are other. Index 7 is all of them.
-constexpr int DB_QUERY_OTHER = 0;
-constexpr int DB_QUERY_TOTAL = 7;
+constexpr double db_query_min_unset = 18446744073709551616.0;
 
-struct db_query_stats_t {
-  db_query_stat_data of_kind[8];
+// Calls of one kind of query since the monitor took the numbers.
+struct db_query_stat_data {
+  double min_duration = db_query_min_unset; // ms
+  double max_duration = 0;
+  double total_duration = 0;
+  uint64_t query_counts = 0;
 };
 
 // Beside the slot table: finds a flowpath's slot and the lowest free one without walking the table.
@@ -54,6 +60,7 @@ struct tqp_instance_mon_stat_info_t {
   wllb_mutex tqp_instance_mon_str_lock;
   uint32_t invalid_rawdata_count WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0; // bad records
   uint32_t entry_record_missing_count WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0;
+  uint32_t metadata_recovery_req_count WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0; // requests to the agent
   uint32_t invalid_method_timestamp_count WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0;
   uint32_t large_flowpaths_count WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0; // records of large flowpaths
   uint32_t prv_partition_flowpath_count WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0;
@@ -133,6 +140,14 @@ struct tqp_instance_t {
   int http_header_md_cur_index = 0;
   wllb_zarray<char> sql_table_data_buf; // starts at 2048 bytes, doubles
 
+  // --- labels: the instance thread ----------------------------------------------------------------------------
+  char *global_attributes = nullptr; // owned; null: none told
+  size_t global_attributes_len = 0;  // with the NUL
+  char *global_tags = nullptr;       // owned
+  size_t global_tags_len = 0;        // with the NUL
+  char *global_attr_tags = nullptr;  // owned; both as one JSON object
+  size_t global_attr_tags_len = 0;   // without the NUL
+
   wllb_text sql_record_data_buf = {}; // one row of "TQSQLRecord.csv"
   wllb_text excp_data_buf = {};       // rows held back until four fifths of the told size
   wllb_text http_header_data_buf = {};
@@ -159,11 +174,22 @@ struct tqp_instance_t {
   time_t last_dead_fp_cleanup_ts = 0;            // s, wall clock, of the last sweep
   time_t fp_last_updated_ts_in_sec = 0;          // s, raw data clock
   char bt_category_flag = 0;                     // closing records: 0 not known, 1 without category, 2 with
-  db_query_stats_t db_query_stats = {};          // under fp_stats_mutex
-  uint64_t excp_counts = 0;                      // exceptions seen, under fp_stats_mutex
+
+  // --- numbers of the statistics monitor, which takes and clears them ----------------------------------------
+  wllb_mutex fp_stats_mutex;
+  fp_stat_data fp_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  db_query_stat_data total_query_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  db_query_stat_data select_query_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  db_query_stat_data insert_query_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  db_query_stat_data update_query_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  db_query_stat_data delete_query_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  db_query_stat_data create_query_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  db_query_stat_data drop_query_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  db_query_stat_data other_query_stats WLLB_GUARDED_BY(fp_stats_mutex);
+  uint64_t excp_counts WLLB_GUARDED_BY(fp_stats_mutex) = 0;     // exceptions seen in the interval
+  char total_fp_counts_due WLLB_GUARDED_BY(fp_stats_mutex) = 0; // 1: the total of the run before is yet to be added
 
   // --- reader state: the instance thread ---------------------------------------------------------------------
-  wllb_mutex fp_stats_mutex; // read by the health monitor
   uint64_t bytes_processed_in_prev_chunks WLLB_GUARDED_BY(fp_stats_mutex) = 0;
   wllb_relaxed<uint32_t> bytes_processed_in_current_chunk; // set for every line, hence no lock of its own
   time_t commentry_time = 0;                               // of the last progress line; 0: none yet
@@ -188,7 +214,7 @@ struct tqp_instance_t {
   // --- life ---------------------------------------------------------------------------------------------------
   char get_tsa_id = 0;                // 1: the identity record failed
   char tq_data_over = 0;              // the file's last record is the end event
-  char active_flag = 0;               // the thread has begun
+  wllb_relaxed<char> active_flag;     // the thread has begun; read by the statistics monitor
   wllb_relaxed<int> enable_flag;      // INSTANCE_DELETE; written by the control thread
   wllb_relaxed<uint32_t> debug_level; // trace mask of this instance; written by the main thread
   wllb_mutex test_run_swtch_mutex;

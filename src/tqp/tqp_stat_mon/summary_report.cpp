@@ -8,6 +8,8 @@
 #include "tqp_init.h"
 #include "tqp_stat_mon.h"
 
+#include <algorithm>
+
 // In counter order; the last three counters have no label.
 static constexpr const char *sum_rep_cnt_names[] = {
     "Incomplete Flowpaths Generated",
@@ -74,4 +76,19 @@ void print_summary_report(tqp_instance_t *inst) {
                wllb_format("Summary for %s\n", inst->tier_server_app_name) +
                    "============================================\n",
                inst->sum_rep_counters);
+}
+
+static void add_counters(const tqp_instance_t *inst) {
+  for (int i = 0; i < __NUM_SUM_REP_CNT__; ++i)
+    if (i == SUM_REP_CNT_MAX_METHODS_CALL_DEPTH)
+      agg_sum_rep_counters[i] = std::max(agg_sum_rep_counters[i], inst->sum_rep_counters[i]);
+    else
+      agg_sum_rep_counters[i] += inst->sum_rep_counters[i];
+}
+
+void print_aggregated_summary_report() {
+  tqp_for_each_instance(add_counters);
+  print_report(g_cur_partition.c_str(),
+               "TQ Collector Aggregated Summary Report\n========================-----------===\n",
+               agg_sum_rep_counters);
 }
