@@ -182,11 +182,21 @@ static ssize_t take_from_collector_port(online_run &run, online_connection &conn
   return -1;
 }
 
+// Samples as they came, for whoever looks on.
+static void keep_sample(const online_run &run, std::string_view line) {
+  const wllb_file file(fopen((run.layout->base + "/monitor_samples.txt").c_str(), "ae"));
+  if (file)
+    fwrite(line.data(), 1, line.size(), file.get());
+}
+
 static ssize_t take(online_run &run, online_connection &connection, std::string_view rest) {
   if (connection.role != ONLINE_MONITOR)
     return take_from_collector_port(run, connection, rest);
   std::string said;
+  const bool registered = !connection.name.empty();
   const ssize_t count = online_take_monitor(connection, rest, &said);
+  if (registered && count > 0)
+    keep_sample(run, rest.substr(0, static_cast<size_t>(count)));
   tell(run, said);
   return count;
 }

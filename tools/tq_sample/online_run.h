@@ -1,6 +1,7 @@
 // A live test run: plays the collector and the parent beside the appending of raw data.
 //   In      the streams and files that sample_append writes to; requests on the ports
-//   Out     partitions that begin, instances that come and go, and the messages about them; answers; words on stdout
+//   Out     partitions that begin, instances that come and go, and the messages about them; answers; words on stdout; the
+//           monitors' samples as they came, in monitor_samples.txt of the test run
 //   Thread  one: everything happens between two ticks of the appending
 //   Failure -1 with a line on standard error for files and ports; peers are never a reason to stop
 #pragma once

@@ -20,7 +20,8 @@ static const char usage_text[] =
     "\n"
     "  --interval SECONDS  between two pictures; rates are over this time (2)\n"
     "  --once              one picture, for scripts; --rounds N: so many\n"
-    "  --samples FILE      errors by kind from the newest health samples in this file\n"
+    "  --samples FILE      errors by kind from the newest health samples in this file (monitor_samples.txt of the test run,\n"
+    "                      where tq_sample --online keeps them)\n"
     "  --open              counts the flowpaths in flight, too: the daemon dumps them for it\n"
     "  --help\n"
     "\n"
@@ -141,8 +142,7 @@ static int show_rounds(top_run &run, const top_options &options) {
     picture.is = mark(run, picture.positions);
     picture.seconds = seconds_now() - last;
     last += picture.seconds;
-    if (!options.samples.empty())
-      picture.errors = top_read_samples(options.samples);
+    picture.errors = top_read_samples(options.samples);
     if (options.open)
       picture.open = top_ask_open_flowpaths(run, picture.positions);
     put_picture(run, options, picture);
@@ -217,6 +217,8 @@ int main(int argc, char **argv) {
   top_run run;
   run.base = options.dir + "/logs/TR" + std::to_string(options.testrun);
   run.pid = top_find_daemon(run);
+  if (options.samples.empty())
+    options.samples = run.base + "/monitor_samples.txt";
   if (run.pid == 0) {
     fprintf(stderr, "No daemon works on %s\n", run.base.c_str());
     return 1;
