@@ -2,12 +2,13 @@
 # Measures tqp against tools that do far less with the same file, in the same run and on the same machine.
 #   run_bench.sh BUILD_DIR [MB] [SCENARIO...]
 # Builds nothing: wants BUILD_DIR/bin/tqp, tq_sample, tqp_measure, tqp_deflate_floor. MB: megabytes of raw data (100).
-# Scenarios: discovery (the default), skipped, flowpaths, in_flight; all: every one. README.md tells what each shows.
+# Scenarios: discovery (the default), skipped, flowpaths, in_flight, restart; all: every one. README.md tells what each shows.
 # Each one is a function bench_<name> at the end of this file.
 # Speeds are per CPU second (user and system); of three runs the middle one counts.
+# TQP_BENCH_KEYWORDS: more lines of the keyword file for flowpaths and in_flight, parted by semicolons.
 set -eu
 export LC_ALL=C
-scenarios='discovery skipped flowpaths in_flight'
+scenarios='discovery skipped flowpaths in_flight restart'
 
 if [ $# -lt 1 ]; then
   sed -n '3,5s/^# *//p' "$0"
@@ -98,6 +99,8 @@ rows() {
   done
 }
 
+middle_wall() { sort -n -k1,1 "$1.runs" | awk '{ wall[NR] = $1 } END { print wall[int((NR + 1) / 2)] }'; }
+
 middle_cpu() { sort -n -k2,2 "$1.runs" | awk '{ cpu[NR] = $2 } END { print cpu[int((NR + 1) / 2)] }'; }
 
 peak_mb() { awk '{ if ($3 > peak) peak = $3 } END { print peak / 1024 }' "$1.runs"; }
@@ -163,9 +166,13 @@ what_came_out() {
 
 # --- flowpaths --------------------------------------------------------------------------------------------------
 
-# generate_flowpaths NAME METHODS FORM IN_FLIGHT. No trace lines: of those that the exit form calls for there are many.
+# No trace lines: of those that the exit form calls for there are many.
+flowpath_keywords="TQP_TRACE_LEVEL 0${TQP_BENCH_KEYWORDS:+;$TQP_BENCH_KEYWORDS}"
+
+# generate_flowpaths NAME METHODS FORM IN_FLIGHT
 generate_flowpaths() {
-  generate "$1" --mix all --flowpath-methods "$2" --form "$3" --in-flight "$4" --keywords 'TQP_TRACE_LEVEL 0'
+  generate "$1" --mix all --flowpath-methods "$2" --form "$3" --in-flight "$4" \
+    --keywords "$flowpath_keywords"
 }
 
 # The same test run with plain texts in the blob file.
@@ -174,7 +181,7 @@ make_plain_template() {
   cp -al "$1" "$2"
   conf=$(find "$2" -name TQKeywords.conf)
   rm "$conf"
-  printf '%s\n' 'TQP_TRACE_LEVEL 0' 'TQP_SEQ_BLOB_IN_FILE_FLAG 1 A' >"$conf"
+  echo "$flowpath_keywords;TQP_SEQ_BLOB_IN_FILE_FLAG 1 A" | tr ';' '\n' >"$conf"
 }
 
 # The last run's flowpath rows and the methods entered that they tell: "rows methods".
@@ -274,6 +281,45 @@ in_flight_form() {
   bar "5000 in flight, $1: peak" "$(peak_mb in_flight_5000)" most 150 ' MB'
 }
 
+# --- restart ----------------------------------------------------------------------------------------------------
+
+last_method='com.acme.m62.Service25000.handle500000(Ljava/lang/String;J)V'
+
+# A million rows of metadata in the current directory, as a run of long ago has left them.
+make_metadata() {
+  awk 'BEGIN {
+    for (i = 1; i <= 500000; ++i)
+      print i ",0,com.acme.m" i % 97 ".Service" int(i / 20) ".handle" i "(Ljava/lang/String;J)V" >"TQMetaData.csv"
+    for (i = 1; i <= 100000; ++i)
+      print i ",1,com.acme.m" i % 97 ".Service" i >"TQMetaData.csv"
+    for (i = 1; i <= 200000; ++i)
+      print "0," i ",1,SELECT id FROM table" i % 500 " WHERE code = ? AND state = ? AND kind = " i >"TQSQL.csv"
+    for (i = 1; i <= 150000; ++i)
+      print "1," 1073741824 + i ",-1,0,0,0,/shop/m" i % 97 "/page" i ",0,\047-\047" >"TQURLTable.csv"
+    for (i = 1; i <= 50000; ++i)
+      print "X-Header-" i "," i >"TQHTTPHeaderMetaData.csv"
+  }'
+}
+
+# make_restart_template NAME: the instance has nothing to read but its identity and a method that is known already.
+make_restart_template() {
+  generate "$1" --mix discovery
+  head -n 1 "$file" >first_line
+  { cat first_line; echo "5,$last_method,1"; } >"$file"
+  mkdir -p "$1/logs/TR1/tq/csv"
+  (cd "$1/logs/TR1/tq/csv" && make_metadata)
+}
+
+# The files are added to, hence real copies.
+run_restart() {
+  rm -rf work
+  cp -a template work
+  measure restart taskset -c 0 "$bin/tqp" -t 1 -W "$top/work" -m 0
+  grep -q 'Going in epoll' "$(find work -name tqp_trace.log)" || { echo 'restart: was not ready' >&2; exit 1; }
+  [ "$(grep -cF "$last_method" work/logs/TR1/tq/csv/TQMetaData.csv)" = 1 ] ||
+    { echo 'restart: a known method was not known' >&2; exit 1; }
+}
+
 # --- scenarios --------------------------------------------------------------------------------------------------
 
 # Half method announcements out of about 20000 names, half records that are passed over.
@@ -300,6 +346,24 @@ bench_in_flight() {
   fi
   for form in classic exit; do in_flight_form "$form"; done
   mb=$asked_mb
+}
+
+# How long a restart with a full set of metadata takes on one core: to its end, which comes at once without a parent.
+bench_restart() {
+  [ -n "$tqp" ] || return 0
+  make_restart_template template
+  csv=$top/template/logs/TR1/tq/csv
+  rm -f ./*.runs
+  for run in $runs; do
+    [ -z "$mawk" ] || measure mawk taskset -c 0 mawk -F, '{s+=$3; n+=NF}' "$csv"/*.csv
+    run_restart
+  done
+  cat "$csv"/*.csv >metadata
+  file=metadata
+  rows mawk restart
+  bar 'restart with 1000000 rows of metadata: CPU' "$(middle_cpu restart)" most 3 ' s'
+  bar 'restart with 1000000 rows of metadata: wall' "$(middle_wall restart)" most 3 ' s'
+  [ -z "$mawk" ] || printf 'restart CPU / mawk CPU: %.2f\n' "$(ratio "$(middle_cpu restart)" "$(middle_cpu mawk)")"
 }
 
 mawk=$(command -v mawk || true)

@@ -143,11 +143,8 @@ static int word_number(const std::string &word) {
 void wllb_change_atb_mt_trace_log(MTTraceLogKey *key, const char *keyword) {
   constexpr size_t line_limit = 1024;
   const std::string text = wllb_read_small_file(wllb_trace_level_conf_path);
-  std::string_view rest = text;
-  while (!rest.empty()) {
-    const size_t end = rest.find('\n');
-    const std::string_view line = rest.substr(0, end);
-    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::string_view line = wllb_take_piece(&rest, '\n');
     if (line.empty() || line[0] == '#' || line[0] == ' ' || line[0] == '\t')
       continue;
     const std::vector<std::string> words = wllb_words(line.substr(0, line_limit), 3);
@@ -297,6 +294,7 @@ static size_t build_line(char (&text)[trace_line_size], const char *thread_name,
                              wllb_base_name(src_file), line, function, severity);
   const size_t prefix = front < 0 ? 0 : stored_length(front, sizeof text);
   const size_t room = sizeof text - prefix;
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers begin and end it
   const int body = front < 0 ? -1 : vsnprintf(text + prefix, room, format, args);
   if (body >= 0)
     return keep_to_one_line(text, prefix, prefix + stored_length(body, room));

@@ -37,16 +37,6 @@ static int why_unreadable(const std::string &path) {
   return access(path.c_str(), R_OK) == 0 ? 0 : errno;
 }
 
-// Takes the next line off `rest`, without its newline; false when there is none left.
-static bool take_line(std::string_view *rest, std::string_view *line) {
-  if (rest->empty())
-    return false;
-  const size_t end = rest->find('\n');
-  *line = rest->substr(0, end);
-  rest->remove_prefix(end == std::string_view::npos ? rest->size() : end + 1);
-  return true;
-}
-
 static bool same_name(std::string_view given, std::string_view name) {
   return given.size() == name.size() && strncasecmp(given.data(), name.data(), name.size()) == 0;
 }
@@ -63,10 +53,9 @@ int64_t wllb_get_cur_partition(const char *dir) {
   if (why_unreadable(path) != 0)
     return -1;
   const std::string text = wllb_read_small_file(path.c_str());
-  std::string_view rest = text;
-  std::string_view line;
   int64_t partition = 0;
-  while (take_line(&rest, &line)) {
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::string_view line = wllb_take_piece(&rest, '\n');
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos)
       return -1;
@@ -139,8 +128,8 @@ static bool set_info_field(PartitionInfo *info, std::string_view name, std::stri
 }
 
 static void parse_info(PartitionInfo *info, std::string_view text, const std::string &path) {
-  std::string_view line;
-  while (take_line(&text, &line)) {
+  while (!text.empty()) {
+    const std::string_view line = wllb_take_piece(&text, '\n');
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos || line[0] == '#')
       continue;

@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -26,6 +27,7 @@ std::string wllb_vformat(const char *fmt, va_list args) {
   char room[512];
   va_list again;
   va_copy(again, args);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers begin and end it
   const int len = vsnprintf(room, sizeof room, fmt, args);
   std::string text;
   if (len >= static_cast<int>(sizeof room)) {
@@ -70,6 +72,21 @@ int get_tokens_with_multi_delimiter(char *line, char **fields, const char *delim
     line = cut + 1;
   }
   return count;
+}
+
+std::string_view wllb_take_piece(std::string_view *rest, char separator) {
+  const std::string_view piece = rest->substr(0, rest->find(separator));
+  rest->remove_prefix(std::min(piece.size() + 1, rest->size()));
+  return piece;
+}
+
+std::vector<std::string_view> wllb_split(std::string_view text, char separator) {
+  std::vector<std::string_view> pieces;
+  for (size_t end = 0; end != text.npos;) {
+    end = text.find(separator);
+    pieces.push_back(wllb_take_piece(&text, separator));
+  }
+  return pieces;
 }
 
 std::vector<std::string> wllb_words(std::string_view line, size_t max_words) {
@@ -131,30 +148,6 @@ std::string wllb_local_time_text(const char *strftime_format, time_t when) {
 
 // --- files --------------------------------------------------------------------------------------------------
 
-namespace {
-
-// A descriptor that is closed at the end of its scope.
-struct owned_fd {
-  int fd = -1;
-
-  owned_fd() = default;
-
-  explicit owned_fd(int opened) : fd(opened) {}
-
-  ~owned_fd() { reset(); }
-
-  owned_fd(const owned_fd &) = delete;
-  owned_fd &operator=(const owned_fd &) = delete;
-
-  void reset(int to = -1) {
-    if (fd >= 0)
-      close(fd);
-    fd = to;
-  }
-};
-
-} // namespace
-
 static int make_directory(const char *path) {
   if (mkdir(path, 0777) == 0)
     return 0;
@@ -205,10 +198,56 @@ static ssize_t read_again(int fd, void *room, size_t size) {
   return got;
 }
 
+int wllb_open_plain(const char *path, int flags, struct stat *found) {
+  struct stat facts = {};
+  wllb_fd file(open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
+  if (file.fd < 0)
+    return -1;
+  if (fstat(file.fd, &facts) != 0 || !S_ISREG(facts.st_mode)) {
+    file.reset();
+    errno = EINVAL;
+    return -1;
+  }
+  if (found)
+    *found = facts;
+  return std::exchange(file.fd, -1);
+}
+
+int64_t wllb_read_at(int fd, char *bytes, int64_t len, int64_t at) {
+  int64_t done = 0;
+  while (done < len) {
+    const ssize_t got = pread(fd, bytes + done, static_cast<size_t>(len - done), at + done);
+    if (got == 0 || (got < 0 && errno != EINTR))
+      break;
+    done += std::max<ssize_t>(got, 0);
+  }
+  return done;
+}
+
+bool wllb_write_at(int fd, const char *bytes, int64_t len, int64_t at) {
+  int64_t done = 0;
+  while (done < len) {
+    const ssize_t put = pwrite(fd, bytes + done, static_cast<size_t>(len - done), at + done);
+    if (put == 0 || (put < 0 && errno != EINTR))
+      return false;
+    done += std::max<ssize_t>(put, 0);
+  }
+  return true;
+}
+
+bool wllb_write_all(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t put = write(fd, bytes.data(), bytes.size());
+    if (put == 0 || (put < 0 && errno != EINTR))
+      return false;
+    bytes.remove_prefix(static_cast<size_t>(std::max<ssize_t>(put, 0)));
+  }
+  return true;
+}
+
 std::string wllb_read_small_file(const char *path, size_t limit) {
-  const owned_fd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  struct stat found = {};
-  if (file.fd < 0 || fstat(file.fd, &found) != 0 || !S_ISREG(found.st_mode))
+  const wllb_fd file(wllb_open_plain(path, O_RDONLY));
+  if (file.fd < 0)
     return {};
   // Read to the end and not to the told size, which is 0 for files made by the kernel.
   std::string text;
@@ -263,7 +302,7 @@ private:
 
 } // namespace
 
-static bool open_pipe(owned_fd &read_end, owned_fd &write_end) {
+static bool open_pipe(wllb_fd &read_end, wllb_fd &write_end) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0)
     return false;
@@ -304,7 +343,7 @@ static int start_program(const std::vector<std::string> &argv, int stdin_fd, int
 }
 
 // Hands over what the pipe takes now; closes it when all is out or nobody reads.
-static void send_some(owned_fd &to_child, std::string_view &input) {
+static void send_some(wllb_fd &to_child, std::string_view &input) {
   const ssize_t sent = write(to_child.fd, input.data(), input.size());
   if (sent > 0)
     input.remove_prefix(static_cast<size_t>(sent));
@@ -312,7 +351,7 @@ static void send_some(owned_fd &to_child, std::string_view &input) {
     to_child.reset();
 }
 
-static void receive_some(owned_fd &from_child, std::string &output) {
+static void receive_some(wllb_fd &from_child, std::string &output) {
   char room[16384];
   const ssize_t got = read_again(from_child.fd, room, sizeof room);
   if (got > 0)
@@ -323,7 +362,7 @@ static void receive_some(owned_fd &from_child, std::string &output) {
 
 // Writes and reads as the child takes and gives, so neither side waits for the other. A closed side (-1) is no more
 // looked at.
-static void talk_to_child(owned_fd &to_child, std::string_view input, owned_fd &from_child, std::string &output) {
+static void talk_to_child(wllb_fd &to_child, std::string_view input, wllb_fd &from_child, std::string &output) {
   const sigpipe_hold hold;
   while (to_child.fd >= 0 || from_child.fd >= 0) {
     pollfd sides[] = {{to_child.fd, POLLOUT, 0}, {from_child.fd, POLLIN, 0}};
@@ -359,10 +398,10 @@ static std::string last_line_of(std::string_view text) {
 
 wllb_run_result wllb_run_program(const std::vector<std::string> &argv, std::string_view input) {
   wllb_run_result result;
-  owned_fd child_in;
-  owned_fd to_child;
-  owned_fd from_child;
-  owned_fd child_out;
+  wllb_fd child_in;
+  wllb_fd to_child;
+  wllb_fd from_child;
+  wllb_fd child_out;
   if (argv.empty()) {
     errno = EINVAL;
     return result;
@@ -433,12 +472,11 @@ static int pid_file_failure(const std::string &path, const char *step, std::stri
 
 // Writes this pid; a link or a FIFO in the file's place is refused. A null owner leaves owner and group alone.
 static int write_pid_file(const std::string &path, const struct stat *owner, std::string *error) {
-  const owned_fd file(
+  const wllb_fd file(
       open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0666));
   if (file.fd < 0)
     return pid_file_failure(path, "open", error);
-  const std::string line = wllb_format("%d\n", getpid());
-  if (write(file.fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+  if (!wllb_write_all(file.fd, wllb_format("%d\n", getpid())))
     return pid_file_failure(path, "write", error);
   if (owner && fchown(file.fd, owner->st_uid, owner->st_gid) != 0)
     return pid_file_failure(path, "chown", error);

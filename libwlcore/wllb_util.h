@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #define WLLB_PRINTF(format_at, first_at) __attribute__((format(printf, format_at, first_at)))
 
@@ -33,6 +35,13 @@ bool wllb_is_numeric(std::string_view text);
 // Cuts `line` in place at each byte that stands in `delimiters`; empty fields are kept. At most `max_fields`
 // fields are stored, the last one with the rest of the line uncut. Returns the number of fields.
 int get_tokens_with_multi_delimiter(char *line, char **fields, const char *delimiters, int max_fields);
+
+// Takes what stands before the next `separator`, or all there is, off the front of *rest, and the separator with it. Taken
+// until *rest is empty, lines come without newlines, and nothing follows a newline at the end.
+std::string_view wllb_take_piece(std::string_view *rest, char separator);
+
+// The pieces between separators; empty ones are kept, so there is always one more of them than of separators.
+std::vector<std::string_view> wllb_split(std::string_view text, char separator);
 
 // The words of `line`, separated by any white space; at most `max_words`.
 std::vector<std::string> wllb_words(std::string_view line, size_t max_words);
@@ -69,6 +78,26 @@ struct wllb_close_file {
 
 using wllb_file = std::unique_ptr<FILE, wllb_close_file>;
 
+// A descriptor that is closed at the end of its scope; -1: none.
+struct wllb_fd {
+  int fd = -1;
+
+  wllb_fd() = default;
+
+  explicit wllb_fd(int opened) : fd(opened) {}
+
+  ~wllb_fd() { reset(); }
+
+  wllb_fd(const wllb_fd &) = delete;
+  wllb_fd &operator=(const wllb_fd &) = delete;
+
+  void reset(int to = -1) {
+    if (fd >= 0)
+      close(fd);
+    fd = to;
+  }
+};
+
 // Makes every directory of `path` up to its last slash (mode 0777 less the umask). 0, or -1 with errno set.
 int mkdir_ex(const char *path);
 
@@ -78,6 +107,28 @@ bool wllb_is_regular_file(const char *path);
 
 // The bytes of a regular file, at most `limit`; an empty text for anything else. Never blocks on a FIFO.
 std::string wllb_read_small_file(const char *path, size_t limit = 1U << 20U);
+
+// Opens a plain file with flags of open(2), close-on-exec; never waits for a FIFO. What O_CREAT makes has mode 0666 less the
+// umask. The descriptor, for the caller to close, with the file's facts in *found if given; -1, and EINVAL for anything
+// that is no plain file.
+int wllb_open_plain(const char *path, int flags, struct stat *found = nullptr);
+
+// Bytes of a file from place `at` on, over short transfers and interruptions. The first gives how many came: fewer than
+// asked for at the file's end, or when the system gives no more; the others are false when it takes no more (errno).
+int64_t wllb_read_at(int fd, char *bytes, int64_t len, int64_t at);
+bool wllb_write_at(int fd, const char *bytes, int64_t len, int64_t at);
+bool wllb_write_all(int fd, std::string_view bytes); // where the descriptor stands
+
+// Calls take(line, length) with each line of a stream, its newline included if it has one, until that gives false. The
+// line ends with a NUL; it may be changed, and is gone behind the call.
+template <class F> void wllb_for_each_line(FILE *stream, F take) {
+  char *line = nullptr;
+  size_t room = 0;
+  for (ssize_t length; (length = getline(&line, &room, stream)) > 0;)
+    if (!take(line, static_cast<size_t>(length)))
+      break;
+  free(line);
+}
 
 // Last component of a path, without its directories.
 const char *wllb_base_name(const char *path);

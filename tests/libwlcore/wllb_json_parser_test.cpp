@@ -23,7 +23,7 @@ std::string read(const std::string &path) {
 }
 
 std::string read_text(const wllb_test_dir &dir, const std::string &text) {
-  wllb_test_write(dir / "file", text);
+  put_file(dir / "file", text);
   return read(dir / "file");
 }
 

@@ -29,7 +29,7 @@ protected:
 
   void start_parent() {
     parent = std::make_unique<parent_peer>();
-    wllb_test_write(dir / "logs/TR7/WLDHPort", parent->port() + "\n");
+    put_file(dir / "logs/TR7/WLDHPort", parent->port() + "\n");
   }
 
   // Goes on once if it is connecting; the last result.

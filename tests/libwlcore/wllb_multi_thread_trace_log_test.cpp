@@ -41,7 +41,7 @@ protected:
 
   std::string path_in(const std::string &partition) const { return dir / (partition + "/tq/logs/t.log"); }
 
-  std::string text_in(const std::string &partition) const { return wllb_test_read(path_in(partition)); }
+  std::string text_in(const std::string &partition) const { return file_text(path_in(partition)); }
 
   void trace(int64_t partition, const std::string &message) {
     wllb_mt_trace_log(key, partition, "tier_server_app", "Info", "src/dir/file.cpp", 7, "func", "%s", message.c_str());
@@ -112,7 +112,7 @@ TEST_F(trace_log, the_level_file_may_end_anywhere) {
   wllb_trace_level_conf_path = conf.c_str();
   for (size_t cut = 0; cut <= whole.size(); ++cut) {
     wllb_change_atb_mt_trace_log_core(key, 3, 1);
-    wllb_test_write(conf, whole.substr(0, cut));
+    put_file(conf, whole.substr(0, cut));
     wllb_change_atb_mt_trace_log(key, "LEVEL");
     EXPECT_EQ(cut > before.size() ? 0xFFFFU : 0xFFFFFFU, key->log_level) << cut;
     EXPECT_EQ(cut > before.size() + 2 ? 5 << 20 : 1 << 20, key->max_log_file_size) << cut;
@@ -157,20 +157,20 @@ TEST_F(trace_log, a_file_above_the_limit_becomes_the_one_older_file) {
     newest += front + message;
     trace(4, message);
     ASSERT_EQ(newest, text_in("4")) << i;
-    ASSERT_EQ(older, wllb_test_read(path_in("4") + ".prev")) << i;
+    ASSERT_EQ(older, file_text(path_in("4") + ".prev")) << i;
   }
   // A file left by an earlier process is measured before it is opened: one byte decides.
   for (const size_t size : {400, 401}) {
     const std::string partition = std::to_string(size);
     std::filesystem::create_directories(dir / (partition + "/tq/logs"));
-    wllb_test_write(path_in(partition), std::string(size, 'o'));
+    put_file(path_in(partition), std::string(size, 'o'));
     trace(static_cast<int64_t>(size), "m");
     EXPECT_EQ((size == 400 ? std::string(400, 'o') : "") + header + front + "m", text_in(partition));
   }
 }
 
 TEST_F(trace_log, what_happens_to_the_file_from_outside_costs_lines_at_most) {
-  wllb_test_write(dir / "5", "a file where the directory has to be");
+  put_file(dir / "5", "a file where the directory has to be");
   testing::internal::CaptureStderr();
   trace(5, "lost");
   EXPECT_NE("", testing::internal::GetCapturedStderr());
@@ -236,9 +236,9 @@ TEST_F(trace_log, no_line_is_torn_or_lost_while_the_file_moves_and_rolls_over) {
     if (!entry.is_regular_file() || entry.path() == other)
       continue;
     older_files += entry.path().extension() == ".prev" ? 1 : 0;
-    count_lines(wllb_test_read(entry.path()), &seen);
+    count_lines(file_text(entry.path()), &seen);
   }
   EXPECT_EQ(std::vector<int>(writers * lines_each, 1), seen);
   EXPECT_GE(older_files, writers);
-  EXPECT_EQ("", wllb_test_read(other));
+  EXPECT_EQ("", file_text(other));
 }

@@ -1,11 +1,9 @@
-// A directory of its own for a test, gone afterwards, and whole files read and written in it.
+// A directory of its own for a test, gone afterwards.
 #pragma once
 
+#include "../support/test_files.h"
+
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
 #include <system_error>
 
 #include <gtest/gtest.h>
@@ -28,12 +26,3 @@ struct wllb_test_dir {
 
   std::string operator/(const std::string &name) const { return path + "/" + name; }
 };
-
-inline void wllb_test_write(const std::string &path, const std::string &text) {
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-inline std::string wllb_test_read(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}

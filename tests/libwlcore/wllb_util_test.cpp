@@ -48,7 +48,7 @@ TEST(wllb_files, a_small_file_is_read_up_to_the_limit) {
   const wllb_test_dir dir;
   std::string text(40000, 'a');
   text[17] = '\0';
-  wllb_test_write(dir / "file", text);
+  put_file(dir / "file", text);
   for (const size_t limit : {0, 16384, 39999, 40000, 40001})
     EXPECT_EQ(text.substr(0, limit), wllb_read_small_file((dir / "file").c_str(), limit));
   EXPECT_NE("", wllb_read_small_file("/proc/self/status")); // told size 0
@@ -139,7 +139,7 @@ static pid_t start_sleep_as(std::string name) {
   char *argv[] = {name.data(), seconds.data(), nullptr};
   pid_t pid = 0;
   EXPECT_EQ(0, posix_spawn(&pid, "/bin/sleep", nullptr, nullptr, argv, environ));
-  for (int tries = 0; tries < 5000 && wllb_test_read(wllb_format("/proc/%d/cmdline", pid)).empty(); ++tries)
+  for (int tries = 0; tries < 5000 && file_text(wllb_format("/proc/%d/cmdline", pid)).empty(); ++tries)
     usleep(1000);
   return pid;
 }
@@ -183,7 +183,7 @@ TEST_F(wllb_pid_file, both_files_are_written_and_the_first_is_given_to_the_owner
   EXPECT_EQ(0, save());
   EXPECT_EQ("", error);
   EXPECT_EQ(-1, wllb_save_pid_ex((base_dir / "missing").c_str(), "tqp", &error));
-  EXPECT_EQ(own_line + own_line, wllb_test_read(path) + wllb_test_read(list_path));
+  EXPECT_EQ(own_line + own_line, file_text(path) + file_text(list_path));
   struct stat file = {};
   ASSERT_EQ(0, stat(path.c_str(), &file));
   EXPECT_EQ(is_root ? 12345U : getuid(), file.st_uid);
@@ -198,12 +198,12 @@ TEST_F(wllb_pid_file, only_a_live_process_whose_name_begins_like_this_ones_is_ki
       {"", SIGTERM}};
   for (const auto &[name, ended_by] : rows) {
     const pid_t child = start_sleep_as(name);
-    wllb_test_write(path, std::to_string(child) + "\n");
+    put_file(path, std::to_string(child) + "\n");
     testing::internal::CaptureStdout();
     EXPECT_EQ(0, save());
     EXPECT_EQ(ended_by == SIGKILL, !testing::internal::GetCapturedStdout().empty());
     EXPECT_EQ(ended_by, end_and_collect(child)) << name;
-    EXPECT_EQ(own_line, wllb_test_read(path));
+    EXPECT_EQ(own_line, file_text(path));
   }
 }
 
@@ -213,12 +213,12 @@ TEST_F(wllb_pid_file, whatever_the_file_holds_nobody_else_is_killed) {
   for (const std::string &text : {std::string(), std::string("abc\n"), std::string("0\n"), std::string("1\n"),
                                   std::string("-1\n"), group, own_line, std::string("99999999999999999999\n"),
                                   std::string("4294967297\n"), std::string(1000000, '9'), std::string("\0\0", 2)}) {
-    wllb_test_write(path, text);
+    put_file(path, text);
     EXPECT_EQ(0, save()) << text.substr(0, 40);
-    EXPECT_EQ(own_line, wllb_test_read(path));
+    EXPECT_EQ(own_line, file_text(path));
   }
   std::thread([this] { // the id of an own thread is no other process
-    wllb_test_write(path, std::to_string(gettid()) + "\n");
+    put_file(path, std::to_string(gettid()) + "\n");
     EXPECT_EQ(0, save());
   })
       .join();

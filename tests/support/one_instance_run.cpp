@@ -84,3 +84,8 @@ int run_block(tqp_instance_t *inst, std::string text) {
   const size_t len = text.size();
   return tq_process_data(inst, text.data(), len, 1);
 }
+
+uint32_t bad_records(tqp_instance_t *inst) {
+  wllb_hold hold(inst->tqp_instance_mon_stat_info.tqp_instance_mon_str_lock);
+  return inst->tqp_instance_mon_stat_info.invalid_rawdata_count;
+}

@@ -4,6 +4,7 @@
 //   Thread  one
 #pragma once
 
+#include "test_files.h"
 #include "tqp_csv_files.h"
 #include "tqp_parse_keywords.h"
 
@@ -11,20 +12,8 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
-
-inline std::string file_text(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-inline void put_file(const std::string &path, std::string_view text) {
-  std::ofstream(path, std::ios::binary).write(text.data(), static_cast<std::streamsize>(text.size()));
-}
 
 class output_files : public testing::Test {
 protected:

@@ -8,9 +8,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
@@ -19,16 +16,6 @@
 namespace fs = std::filesystem;
 
 extern char **environ;
-
-static std::string whole_file(const std::string &path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-static void write_file(const std::string &path, const std::string &text, std::ios::openmode mode = std::ios::trunc) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream(path, std::ios::binary | mode) << text;
-}
 
 // --- records ----------------------------------------------------------------------------------------------------
 
@@ -53,8 +40,11 @@ running_program::running_program(std::vector<std::string> argv, std::string wher
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 1, (output_path + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   posix_spawn_file_actions_addopen(&actions, 2, (output_path + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  if (posix_spawn(&child, args[0], &actions, nullptr, args.data(), environ) != 0)
+  if (posix_spawn(&child, args[0], &actions, nullptr, args.data(), environ) != 0) {
     ADD_FAILURE() << "cannot start " << argv[0];
+    child = -1;
+    over = true;
+  }
   posix_spawn_file_actions_destroy(&actions);
 }
 
@@ -66,7 +56,8 @@ running_program::~running_program() {
 }
 
 void running_program::signal(int number) const {
-  kill(child, number);
+  if (child > 0) // else it did not start, and the call would reach every process there is
+    kill(child, number);
 }
 
 bool running_program::is_over() {
@@ -83,9 +74,10 @@ program_end running_program::wait(int seconds) {
     over = true;
   }
   program_end end;
-  end.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  end.output = whole_file(output_path + ".out");
-  end.errors = whole_file(output_path + ".err");
+  if (child > 0)
+    end.exit_status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  end.output = file_text(output_path + ".out");
+  end.errors = file_text(output_path + ".err");
   return end;
 }
 
@@ -111,19 +103,19 @@ void tqp_test_run::make_partitions(const std::vector<std::string> &names) {
   for (size_t i = 0; i < names.size(); ++i) {
     const std::string prev = i > 0 ? names[i - 1] : "0";
     const std::string next = i + 1 < names.size() ? names[i + 1] : "0";
-    write_file(path(names[i] + "/.partition_info.txt"),
-               "FirstPartition=" + names[0] + "\nStartPartition=" + names[0] + "\nCurrentPartition=" + names[i] +
-                   "\nPreviousPartition=" + prev + "\nNextPartition=" + next + "\nVersion=1\n");
+    put_file(path(names[i] + "/.partition_info.txt"),
+             "FirstPartition=" + names[0] + "\nStartPartition=" + names[0] + "\nCurrentPartition=" + names[i] +
+                 "\nPreviousPartition=" + prev + "\nNextPartition=" + next + "\nVersion=1\n");
     fs::create_directories(path(names[i] + "/tq/raw_data"));
   }
-  write_file(path(".curPartition"), "CurPartitionIdx=" + names.back() + "\n");
+  put_file(path(".curPartition"), "CurPartitionIdx=" + names.back() + "\n");
   struct tm begin = {}; // times in raw data count from the first partition's begin
   strptime(names[0].c_str(), "%Y%m%d%H%M%S", &begin);
-  write_file(path(".vex_epoch.diff"), std::to_string(timegm(&begin)));
+  put_file(path(".vex_epoch.diff"), std::to_string(timegm(&begin)));
 }
 
 void tqp_test_run::keywords(const std::string &lines) const {
-  write_file(path("tq/conf/tqprof/default/TQKeywords.conf"), lines);
+  put_file(path("tq/conf/tqprof/default/TQKeywords.conf"), lines);
 }
 
 std::string tqp_test_run::raw_path(const std::string &instance, const std::string &partition) const {
@@ -131,12 +123,12 @@ std::string tqp_test_run::raw_path(const std::string &instance, const std::strin
 }
 
 void tqp_test_run::raw(const std::string &text, const std::string &instance, const std::string &partition) const {
-  write_file(raw_path(instance, partition), text);
+  put_file(raw_path(instance, partition), text);
 }
 
 void tqp_test_run::append_raw(const std::string &text, const std::string &instance,
                               const std::string &partition) const {
-  write_file(raw_path(instance, partition), text, std::ios::app);
+  put_file(raw_path(instance, partition), text, std::ios::app);
 }
 
 std::vector<std::string> tqp_test_run::argv_of(const std::vector<std::string> &options, bool with_parent) const {
@@ -156,7 +148,7 @@ std::unique_ptr<running_program> tqp_test_run::start(const std::vector<std::stri
 }
 
 std::string tqp_test_run::read(const std::string &below) const {
-  return whole_file(path(below));
+  return file_text(path(below));
 }
 
 std::string tqp_test_run::common(const std::string &name) const {

@@ -4,6 +4,8 @@
 //   The directory is gone after the test, and so is a program that is still running
 #pragma once
 
+#include "test_files.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>

@@ -3,6 +3,7 @@
 
 #include "output_files_fixture.h"
 
+#include "side_texts.h"
 #include "tqp_recovery.h"
 #include "tqp_run_time_v2.h"
 #include "tqp_sql_timing.h"
@@ -103,9 +104,7 @@ protected:
   }
 
   void end() {
-    if (segment.method_call_stack.data)
-      wllb_text_free(segment.method_call_stack.data[1].callout_info, "test");
-    record_array_free(segment.method_call_stack, "test");
+    method_call_stack_free(&segment);
     for (auto text : {&segment_fp_t::begin_seq_num, &segment_fp_t::seq_blob, &segment_fp_t::callout_buf})
       wllb_text_free(segment.*text, "test");
     tqp_free_sql_sums(&segment);
@@ -129,7 +128,16 @@ protected:
   }
 
   std::string text() const {
-    return wllb_text_str(exit_form() ? segment.method_call_stack.data[1].callout_info : segment.seq_blob);
+    if (!exit_form())
+      return wllb_text_str(segment.seq_blob);
+    std::string whole;
+    side_piece piece;
+    for (size_t place = segment.method_call_stack.data[1].callout_info.first; place != 0; place = piece.next) {
+      const char *const at = segment.side_texts.data + place - 1;
+      memcpy(&piece, at, sizeof piece);
+      whole.append(at + sizeof piece, piece.len);
+    }
+    return whole;
   }
 
   std::string rows() const { return std::string(wllb_text_view(segment.callout_buf)); }

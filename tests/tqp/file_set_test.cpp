@@ -1,6 +1,7 @@
 // Which files there are, whether they keep what they had, who owns them, and how they move on with the partitions.
 
 #include "output_files_fixture.h"
+#include "tqp_process_data.h"
 
 #include <thread>
 
@@ -145,6 +146,47 @@ TEST_F(file_set, late_rows_are_noted_once_their_partition_is_done) {
   write_prev_tqpdone(inst, "TQFlowPath.csv");
   write_prev_tqpdone(inst, "TQJMS.csv");
   EXPECT_EQ("3,7,tier_server_app/TQFlowPath.csv\n3,7,tier_server_app/TQJMS.csv\n", file_text(done));
+}
+
+// Two leave at the same time; a newcomer whose place is not known yet is in the way, and later goes for good.
+TEST_F(file_set, a_partition_is_done_once_when_the_last_one_is_out_of_its_way) {
+  const int64_t first = stoll(partition), second = first + 10000, third = second + 10000;
+  for (const int64_t idx : {second, third})
+    std::filesystem::create_directories(run_dir() + std::to_string(idx) + "/tq/csv");
+  tqp_instance_t other, newcomer;
+  begin_instance(other, "t_s_other");
+  begin_instance(newcomer, "t_s_newcomer");
+  newcomer.partition_idx = 0;
+  const auto register_all = [&]() WLLB_NO_THREAD_CHECK { tqp_imap = {inst, &other, &newcomer}; };
+  register_all();
+  const auto both_leave = [&](int64_t from, int64_t to) {
+    for (tqp_instance_t *one : {inst, &other}) {
+      one->prev_partition_idx = from;
+      one->partition_idx = to;
+    }
+    for (tqp_instance_t *one : {inst, &other})
+      check_and_create_partition_done_file(one, from);
+  };
+  const auto done = []() WLLB_NO_THREAD_CHECK { return -static_cast<int>(tqp_mon_stat_info.process_done_lag_count); };
+  both_leave(first, second);
+  EXPECT_EQ(0, done());
+  tqp_take_place(&newcomer, second);
+  EXPECT_EQ(1, done());
+  EXPECT_TRUE(inst->prev_tqpdone_fileptr_v2 && inst->prev_tqpdone_fileptr_v2 == other.prev_tqpdone_fileptr_v2);
+  both_leave(first, second);
+  EXPECT_EQ(1, done());
+  both_leave(second, third);
+  EXPECT_EQ(1, done());
+  tqp_take_place(&newcomer, nowhere_to_read);
+  EXPECT_EQ(2, done());
+  EXPECT_EQ(2, traced("All app instance completed the processing for partition"));
+  wl_status = WL_OVER; // who stays behind now does not finish what it leaves unread
+  tqp_take_place(&newcomer, third);
+  both_leave(third, third + 10000);
+  tqp_take_place(&newcomer, nowhere_to_read);
+  EXPECT_EQ(2, done());
+  end_instance(other);
+  end_instance(newcomer);
 }
 
 } // namespace

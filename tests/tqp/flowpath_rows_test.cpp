@@ -403,44 +403,6 @@ TEST_F(flowpath_rows, late_blobs_go_to_the_previous_file_and_the_list_to_the_cur
 
 // --- the blob file ------------------------------------------------------------------------------------------------------
 
-TEST_F(flowpath_rows, lines_lead_to_their_texts_in_every_version) {
-  const std::string texts[][3] = {{"callouts", "blob", "detail"},
-                                  {"", "blob", ""},
-                                  {"c", "", "d"},
-                                  {std::string(5000, 'c'), std::string(90000, 'b'), ""}};
-  int64_t self_fpi = 100;
-  segment(99, "9"); // never comes
-  for (const char version : {'A', 'B', 'C'})
-    for (const auto &[callouts, blob, detail] : texts) {
-      SCOPED_TRACE(++self_fpi);
-      tqp_seq_blob_in_file_version = version;
-      const std::string number = "1." + std::to_string(self_fpi);
-      segment_fp_t *side = segment(self_fpi, number.c_str(), blob);
-      set(side->callout_buf, callouts);
-      set(side->req_detail_buf, detail);
-      dump(side);
-      const auto line = fields_of(line_of(number.c_str()));
-      const std::string file = blobs();
-      size_t at = std::stoul(line.at(4));
-      const std::string *const parts[] = {&callouts, &blob, &detail};
-      for (size_t i = 0; i < 3; ++i) {
-        const size_t plain = std::stoul(line.at(5 + i)), compressed = std::stoul(line.at(8 + i));
-        EXPECT_EQ(parts[i]->size(), plain);
-        if (i != 1 && plain == 0) {
-          EXPECT_EQ(0U, compressed);
-          continue;
-        }
-        EXPECT_EQ(version == 'B', compressed > 0);
-        const size_t length = version == 'B' ? compressed : plain + 1;
-        EXPECT_EQ(version == 'B' ? *parts[i] : *parts[i] + "\n",
-                  version == 'B' ? inflated(file, at, length) : file.substr(at, length));
-        at += length;
-      }
-      EXPECT_EQ(file.size(), at);
-      EXPECT_EQ(static_cast<int64_t>(at), inst->sqbfile_offset);
-    }
-}
-
 TEST_F(flowpath_rows, bytes_wait_until_the_buffer_would_be_full) {
   max_buffered_sqb_bufsize = 100;
   std::mt19937 random(20261122);

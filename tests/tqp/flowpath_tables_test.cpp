@@ -333,13 +333,12 @@ void fill(segment_fp_t *segment, size_t large, size_t small) {
   for (const auto text : large_texts)
     give_bytes(segment->*text = buffers.*text, large);
   give_bytes(segment->callout_buf = buffers.callout_buf, small);
+  give_bytes(segment->side_texts = buffers.side_texts, small + 3072);
   give_bytes(segment->begin_seq_num = buffers.begin_seq_num, 3000);
   record_array_room(segment->method_call_stack = buffers.method_call_stack, 16, 16, "test");
   segment->method_call_stack.used = 3;
-  for (const int row : {0, 7, 15}) {
-    give_bytes(segment->method_call_stack.data[row].callout_info, 64);
-    give_bytes(segment->method_call_stack.data[row].uninstr_mtd, 64);
-  }
+  for (const int row : {0, 7, 15}) // rows above the top may have texts, too
+    segment->method_call_stack.data[row].callout_info = segment->method_call_stack.data[row].uninstr_mtd = {1, 1};
   record_array_room(segment->ctarray = buffers.ctarray, 4, 4, "test");
   segment->ctarray.data[3].time = 9;
   segment->mtarray = buffers.mtarray;
@@ -362,6 +361,7 @@ void expect_fields_reset(segment_fp_t rest) {
     expect_empty(rest.*text);
   expect_empty(rest.begin_seq_num);
   expect_empty(rest.callout_buf);
+  expect_empty(rest.side_texts);
   EXPECT_EQ(0, rest.method_call_stack.used);
   EXPECT_EQ(0, rest.sqlarray.used);
   rest.method_call_stack = {};
@@ -386,6 +386,7 @@ TEST_F(flowpath_tables, a_removed_segment_keeps_small_buffers_only_when_told_to)
       expect_fields_reset(*segment);
       const bool keeps = keyword == 0, keeps_by_size = keeps && more == 0;
       EXPECT_EQ(keeps_by_size, segment->callout_buf.data != nullptr);
+      EXPECT_EQ(keeps_by_size, segment->side_texts.data != nullptr);
       for (size_t i = 0; i < std::size(large_texts); ++i) // bodies have no limit
         EXPECT_EQ(i < 3 ? keeps_by_size : keeps, (segment->*large_texts[i]).data != nullptr);
       EXPECT_EQ(3000U, segment->begin_seq_num.size);
@@ -396,7 +397,7 @@ TEST_F(flowpath_tables, a_removed_segment_keeps_small_buffers_only_when_told_to)
       ASSERT_EQ(keeps, segment->sqlarray.room > 0);
       if (!keeps)
         continue;
-      EXPECT_EQ(nullptr, segment->method_call_stack.data[15].uninstr_mtd.data);
+      EXPECT_EQ(0U, segment->method_call_stack.data[15].uninstr_mtd.first);
       EXPECT_EQ(0, segment->ctarray.data[3].time);
       EXPECT_EQ(0, id_index_find(segment->mta_index, 77)) << "its writer has not cleared it";
       EXPECT_EQ(-1, id_index_find(segment->sqla_index, 12));

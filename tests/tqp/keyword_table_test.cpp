@@ -10,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include <sys/stat.h>
 
@@ -305,33 +304,4 @@ TEST_F(keyword_file, values_put_back_after_parsing) {
   tqc_reset_kw_values();
   EXPECT_EQ(1, tq_trace_level);
   EXPECT_EQ(-77, tqp_enable_auto_mon_reg);
-}
-
-TEST_F(keyword_file, nonsense_leaves_values_that_hold) {
-  std::vector<std::string> keywords = {"TQ_FPI_MASK TQEID:62:0;AppID:62:0;TS:62:0;SeqNo:0:62", "TQ_FPI_MASK",
-                                       "TQP_SEQ_BLOB_IN_FILE_FLAG", "TQP_PERIODIC_SCANDIR_TIME",
-                                       "TQP_MEMPOOL_SETTINGS"};
-  const char *const nasty[] = {"0",    "1",   "-1",  "2147483648", "-99999999999999999999",
-                               "%s%n", "nan", "ALL", "5m",         "\xff;:"};
-  for (const told_row &row : told)
-    keywords.push_back(row.keyword);
-  std::mt19937 random(20240607);
-  for (int round = 0; round < 300; ++round) {
-    std::string content;
-    for (size_t line = random() % 60; line > 0; --line) {
-      content += keywords[random() % keywords.size()];
-      for (size_t words = random() % 14; words > 0; --words)
-        content += " \t\v"[random() % 3] +
-                   (random() % 3 ? nasty[random() % std::size(nasty)] : std::string(2, static_cast<char>(random())));
-      content += random() % 8 ? '\n' : static_cast<char>(random());
-    }
-    read_anew(content);
-    for (const told_row &row : told)
-      EXPECT_TRUE(*row.value == row.def ||
-                  (row.min * row.unit <= *row.value && *row.value <= row.max * row.unit && *row.value % row.unit == 0))
-          << row.keyword << " " << *row.value;
-    EXPECT_TRUE(tqp_seq_blob_in_file_version >= 'A' && tqp_seq_blob_in_file_version <= 'C');
-    EXPECT_TRUE(tqp_seq_blob_in_file_rollover_size >= 1 && tqp_num_tqp_instances_init >= 1);
-    EXPECT_EQ(0U, (tqe_id_mask_num << tqe_id_starting_bit_location) >> 62U);
-  }
 }

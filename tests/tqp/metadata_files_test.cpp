@@ -91,18 +91,6 @@ TEST_F(metadata_rows, a_file_that_does_not_open_loses_the_row_but_not_the_next_o
   }
 }
 
-TEST_F(metadata_rows, the_end_leaves_three_files_open) {
-  tqp_extended_metadata = 1;
-  std::filesystem::remove_all(run_dir() + "tq"); // the start makes it
-  open_files();
-  EXPECT_EQ(nullptr, metadata_csv_fp[SQL_TABLE_NONPREP_PREV_CSV_IDX]);
-  tq_close_metadata_file();
-  for (int idx = 0; idx < __NUM_METADATA_CSV_IDX__; ++idx) {
-    const bool stays = idx == SQL_TABLE_NONPREP_CSV_IDX || idx == TAGS_TABLE_CSV_IDX || idx == METADATA_EX_CSV_IDX;
-    EXPECT_EQ(stays, metadata_csv_fp[idx] != nullptr) << idx;
-  }
-}
-
 TEST_F(metadata_rows, rows_of_four_threads_do_not_mix) {
   max_buffered_meta_data_bufsize = 256; // the longer rows go around the buffer
   constexpr int rows = 200;             // the first one of each file opens it

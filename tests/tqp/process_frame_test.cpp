@@ -4,13 +4,13 @@
 #include "parent_start_time.h"
 #include "process_frame.h"
 #include "process_wake.h"
+#include "test_files.h"
 #include "wllb_partition.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -43,16 +43,6 @@ protected:
     unsetenv("WL_WDIR");
     wllb_trace_partition = 0;
     tqp_process_state_init();
-  }
-
-  static void put(const std::string &path, const std::string &text) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path) << text;
-  }
-
-  static std::string text_of(const std::string &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
   }
 
   // What `action` prints.
@@ -112,8 +102,8 @@ TEST_F(process_frame, keyword_file_is_that_of_the_profile_changed_last) {
   const std::string profiles = base_dir + "tq/conf/tqprof/";
   EXPECT_EQ(base_dir + "tq/conf/tqprof//tq.conf", tqp_find_keyword_file());
   for (const char *name : {"old", "charlie", "alpha", ".hidden"})
-    put(profiles + name + "/TQKeywords.conf", "");
-  put(profiles + "file", "");
+    put_file(profiles + name + "/TQKeywords.conf", "");
+  put_file(profiles + "file", "");
   fs::create_symlink(profiles + "old", profiles + "link");
   for (const char *name : {"old", "charlie", "alpha"})
     set_mtime(profiles + name, 1000);
@@ -134,7 +124,7 @@ TEST_F(process_frame, scenario_words_come_from_the_last_line_that_begins_right) 
       {"ENABLE_AUTO_MONITOR_REGISTRATION 1\nenable_auto_monitor_registration 2 3\n", "", 2},
   };
   for (const auto &[scenario, disk, health] : cases) {
-    put(base_dir + "sorted_scenario.conf", scenario);
+    put_file(base_dir + "sorted_scenario.conf", scenario);
     tqp_enable_health_mon = 0;
     tqp_get_disk_path();
     tqp_get_auto_mon_reg_flag();
@@ -146,13 +136,13 @@ TEST_F(process_frame, scenario_words_come_from_the_last_line_that_begins_right) 
 TEST_F(process_frame, machine_word_comes_from_the_machines_own_file_or_the_common_one) {
   const std::string etc = root + "/outside/home/vexorium/etc/";
   std::string mode;
-  put(etc + "vex.conf", "# CONFIG no\nCONFIG TQE_ALL\nCONFIG later\n");
+  put_file(etc + "vex.conf", "# CONFIG no\nCONFIG TQE_ALL\nCONFIG later\n");
   get_machine_config(&mode);
   EXPECT_EQ("TQE_ALL", mode);
-  put(etc + "vex_work.conf", "OTHER x\n");
+  put_file(etc + "vex_work.conf", "OTHER x\n");
   get_machine_config(&mode);
   EXPECT_EQ("", mode) << "the common file only serves where there is no own one";
-  put(etc + "vex_work.conf", "CONFIGURATION own");
+  put_file(etc + "vex_work.conf", "CONFIGURATION own");
   wllb_copy_text(wl_wdir, sizeof wl_wdir, root + "/work//");
   get_machine_config(&mode);
   EXPECT_EQ("own", mode);
@@ -175,18 +165,18 @@ TEST_F(process_frame, live_run_resumes_behind_the_newest_done_file) {
   const std::string names[] = {"20261122210000", "20261122220000", "20261122230000"};
   std::string prev = "0";
   for (const std::string &name : names) {
-    put(base_dir + name + "/.partition_info.txt", "PreviousPartition=" + prev + "\n");
+    put_file(base_dir + name + "/.partition_info.txt", "PreviousPartition=" + prev + "\n");
     fs::create_directories(base_dir + name + "/tq/csv");
     prev = name;
   }
   tqp_find_partitions();
   EXPECT_EQ(0, g_partition_idx) << "the test run tells no current one yet";
-  put(base_dir + ".curPartition", "CurPartitionIdx=" + names[2] + "\n");
+  put_file(base_dir + ".curPartition", "CurPartitionIdx=" + names[2] + "\n");
   tqp_find_partitions();
   EXPECT_EQ(20261122230000, g_partition_idx);
   EXPECT_EQ(20261122210000, g_process_done_partition);
   for (const auto &[done, expected] : {std::pair(0, 20261122220000), {1, 20261122230000}, {2, 0}}) {
-    put(base_dir + names[done] + "/tq/csv/" + wllb_done_file_name, "");
+    put_file(base_dir + names[done] + "/tq/csv/" + wllb_done_file_name, "");
     tqp_find_partitions();
     EXPECT_EQ(expected, g_process_done_partition) << done;
   }
@@ -197,12 +187,12 @@ TEST_F(process_frame, parent_start_time_is_the_date_of_the_summary) {
   const std::string summary = base_dir + "summary.top";
   tm time = {};
   ASSERT_NE(nullptr, strptime("2026-11-22 21:30:05", "%Y-%m-%d %H:%M:%S", &time));
-  put(summary, "1234|a test|11/22/26 21:30:05|00:10:00|more\n");
+  put_file(summary, "1234|a test|11/22/26 21:30:05|00:10:00|more\n");
   get_wl_time_stamp_in_ms();
   EXPECT_EQ(timegm(&time) * 1000, g_wl_time_stamp_ms);
 
   for (const char *damaged : {"1|2|not a date|4\n", "1|2|11/22/26|\n1|2|11/22/26|\n", "1|2|$(touch x)|\n"}) {
-    put(summary, damaged);
+    put_file(summary, damaged);
     EXPECT_TRUE(printed(get_wl_time_stamp_in_ms).starts_with("Fail: Error in run Command, cmd = ")) << damaged;
     EXPECT_EQ(timegm(&time) * 1000, g_wl_time_stamp_ms) << "unchanged";
   }
@@ -211,11 +201,11 @@ TEST_F(process_frame, parent_start_time_is_the_date_of_the_summary) {
 
 TEST_F(process_frame, processor_limit_takes_the_pid) {
   const std::string tasks = root + "/outside/sys/fs/cgroup/cpu/LimitCPU/tasks";
-  put(tasks, "");
+  put_file(tasks, "");
   for (const int flag : {0, 1}) {
     tqp_add_pid_to_cgroups = flag;
     tqp_add_pid_to_cgroup();
-    EXPECT_EQ(flag ? std::to_string(getpid()) : "", text_of(tasks));
+    EXPECT_EQ(flag ? std::to_string(getpid()) : "", file_text(tasks));
   }
 }
 
@@ -227,7 +217,7 @@ TEST_F(process_frame, test_is_active_when_the_first_line_of_its_status_says_so) 
   for (const auto &[script, active] : {std::pair("[ \"$*\" = '-n 1234' ] && echo 'TR Active now'", true),
                                        {"echo Ended; echo Active", false},
                                        {"exit 1", false}}) {
-    put(command, std::string("#!/bin/sh\n") + script + "\n");
+    put_file(command, std::string("#!/bin/sh\n") + script + "\n");
     fs::permissions(command, fs::perms::owner_all);
     EXPECT_EQ(active, tqp_test_is_active()) << script;
   }
@@ -307,7 +297,7 @@ TEST_F(main_wait, state_changed_by_another_thread_ends_it_as_it_stands) {
 }
 
 TEST_F(main_wait, trace_level_and_dump_requests_are_taken_and_the_wait_goes_on) {
-  put(outside_paths.trace_level_conf, "TQP_TRACE_LOGLEVEL 3\n");
+  put_file(outside_paths.trace_level_conf, "TQP_TRACE_LOGLEVEL 3\n");
   trkey = wllb_init_mt_trace_log(wl_wdir, testidx, 0, "tq/logs/tqp_trace.log", 1, 100);
   wait_while([] {
     for (const int signal : {SIGRTMIN + 4, SIGRTMIN + 5, SIGRTMIN + 6})

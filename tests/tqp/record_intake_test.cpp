@@ -1,5 +1,6 @@
 // The field cursor, the line cutter and the discovery records, by damage.
 
+#include "blob_fields.h"
 #include "event_table.h"
 #include "one_instance_run.h"
 #include "record_errors.h"
@@ -9,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <random>
 
 // --- the cursor --------------------------------------------------------------------------------------------------
@@ -71,6 +71,29 @@ TEST(fpi_tuples, missing_parts_leave_their_values) {
   }
 }
 
+TEST(numbers, are_those_of_the_c_library) {
+  const auto expect_same = [](const std::string &text) {
+    EXPECT_EQ(strtoll(text.c_str(), nullptr, 10), tqp_read_number(text.c_str())) << text;
+    const double expected = strtod(text.c_str(), nullptr), read = tqp_blob_decimal(text.c_str());
+    EXPECT_EQ(0, memcmp(&expected, &read, sizeof read)) << text; // to the last bit, a NaN's too
+  };
+  // clang-format off
+  for (const char *text : {"", ".", "5.", ".5", "-0", " 7", "+3", "1.2.3", "1e3", "0x10", "nan", "-inf", "1:2", "12a",
+                           "9223372036854775807", "9223372036854775808", "18446744073709551616",
+                           "00000000000000000000000000012", "999999999999999.", ".000000000000001", "9007199254740993"})
+    // clang-format on
+    expect_same(text);
+  std::mt19937 random(1);
+  for (int round = 0; round < 200000; ++round) {
+    std::string text;
+    for (size_t len = random() % 24; len > 0; --len)
+      text += "01234567890123456789."[random() % 21];
+    if (random() % 16 == 0 && !text.empty())
+      text[random() % text.size()] = "-+ eE:x_"[random() % 8];
+    expect_same(text);
+  }
+}
+
 TEST(last_newline, is_looked_for_from_the_end_and_not_in_the_first_byte) {
   char one[] = "\n", many[] = "\nab\ncd", first_only[] = "\nabc";
   EXPECT_EQ(one, get_last_newline_ptr(one, 1));
@@ -86,53 +109,24 @@ protected:
   tqp_instance_t *inst = open_one_instance_run();
 
   ~record_intake() override { close_one_instance_run(inst); }
-
-  uint32_t invalid() {
-    wllb_hold hold(inst->tqp_instance_mon_stat_info.tqp_instance_mon_str_lock);
-    return inst->tqp_instance_mon_stat_info.invalid_rawdata_count;
-  }
 };
 
 TEST_F(record_intake, every_discovery_with_each_field_missing_empty_and_huge) {
-  struct kind {
-    const char *record; // well formed, new text, local id 9
-    std::function<int()> norm_id;
-    bool id_may_be_huge = false;
-  };
-
-  const auto in = [&](const wllb_zarray<int> &map) { return [&map] { return map.at_or_zero(9); }; };
-  const kind kinds[] = {
-      {"5,a.B.c()V,9", in(inst->method_map)},
-      {"7,/u,9", in(inst->url_map)},
-      {"7,9,/u2", in(inst->url_map)},
-      {"26,r,9", in(inst->resource_map)},
-      {"32,9,E", in(inst->excp_cls_map)},
-      {"33,T,9", in(inst->excp_thr_cls_map)},
-      {"34,9,M", in(inst->excp_thr_mtd_map)},
-      {"35,msg,9", in(inst->excp_msg_map)},
-      {"36,9,C", in(inst->excp_cause_map)},
-      {"37,st,9", in(inst->excp_st_map)},
-      {"41,Page,9", in(inst->bci_arg_id_map)},
-      {"6,hdr,9", [&] { return inst->http_header_map.at_or_zero(9).norm_http_header_id + 1; }},
-      {"22,5,9,select 1",
-       [&] { return sql_query_map_read_loc2norm(inst->sql_query_map.data, 9, inst->sql_query_map_size, nullptr); },
-       true},
-      {"23,select 2,9",
-       [&] { return sql_query_map_read_loc2norm(inst->sql_query_map.data, 9, inst->sql_query_map_size, nullptr); },
-       true},
-  };
-  for (const kind &k : kinds) {
-    SCOPED_TRACE(k.record);
-    const auto fields = split_plainly(k.record);
+  // Well formed, with new texts and the local id 9.
+  for (const char *record :
+       {"5,a.B.c()V,9", "7,/u,9", "7,9,/u2", "26,r,9", "32,9,E", "33,T,9", "34,9,M", "35,msg,9", "36,9,C", "37,st,9",
+        "41,Page,9", "6,first,1", "6,hdr,9", "22,5,9,select 1", "23,select 2,9"}) {
+    SCOPED_TRACE(record);
+    const auto fields = split_plainly(record);
     std::string cut = fields[0];
-    uint32_t before = invalid();
+    uint32_t before = bad_records(inst);
     run_block(inst, cut + ",\n"); // nothing behind the event id
-    EXPECT_LE(invalid(), before + 1);
+    EXPECT_LE(bad_records(inst), before + 1);
     for (size_t i = 1; i + 1 < fields.size(); ++i) { // the record ends behind field i
       cut += "," + fields[i];
-      before = invalid();
+      before = bad_records(inst);
       run_block(inst, cut + "\n");
-      EXPECT_LE(invalid(), before + 1);
+      EXPECT_LE(bad_records(inst), before + 1);
     }
     for (size_t i = 1; i < fields.size(); ++i)
       for (const std::string &odd : {std::string(), std::string("-1"), std::string("99999999999999999999"),
@@ -144,27 +138,24 @@ TEST_F(record_intake, every_discovery_with_each_field_missing_empty_and_huge) {
           line += "," + damaged[j];
         run_block(inst, line + "\n");
       }
-    run_block(inst, std::string(k.record) + "\n");
-    EXPECT_GT(k.norm_id(), 0); // after all that, the good record still works
+    run_block(inst, std::string(record) + "\n");
+  }
+  for (const loc2norm_row &row : loc2norm_rows) { // after all that, the good records still work
+    const int sql = sql_query_map_read_loc2norm(inst->sql_query_map.data, 9, inst->sql_query_map_size, nullptr);
+    EXPECT_GT(row.bit == LOC2NORM_HTTP_HEADER ? inst->http_header_map.at_or_zero(9).norm_http_header_id
+              : row.bit == LOC2NORM_SQL       ? sql
+              : row.bit == LOC2NORM_TAGS      ? 1
+                                              : (inst->*row.map).at_or_zero(9),
+              0)
+        << row.file_name;
   }
   EXPECT_LT(inst->method_map.size, max_local_id); // nothing grew for an id that no map takes
 }
 
-TEST_F(record_intake, maps_grow_in_their_steps_and_only_as_far_as_told) {
-  run_block(inst, "26,a,4095\n");
-  EXPECT_EQ(4096, inst->resource_map.size);
-  run_block(inst, "26,b,4096\n");
-  EXPECT_EQ(8192, inst->resource_map.size);
-  run_block(inst, "26,c,134217727\n");
-  EXPECT_EQ(134217728, inst->resource_map.size);
-  EXPECT_EQ(1, inst->resource_map.at_or_zero(4095));
-  EXPECT_EQ(3, inst->resource_map.at_or_zero(134217727));
-  EXPECT_EQ(0, inst->resource_map.at_or_zero(134217728));
-}
-
 TEST_F(record_intake, later_discoveries_win_except_for_queries) {
-  run_block(inst, "26,first,5\n26,second,5\n23,select 1,9\n22,select 1,9\n");
-  EXPECT_EQ(2, inst->resource_map.at_or_zero(5));
+  run_block(inst, "26,last that a map takes,134217727\n26,first,5\n26,second,5\n23,select 1,9\n22,select 1,9\n");
+  EXPECT_EQ(1, inst->resource_map.at_or_zero(134217727));
+  EXPECT_EQ(3, inst->resource_map.at_or_zero(5));
   int8_t type = 0;
   EXPECT_EQ(norm_id_flag, sql_query_map_read_loc2norm(inst->sql_query_map.data, 9, inst->sql_query_map_size, &type));
   EXPECT_EQ(1, type);
@@ -226,18 +217,4 @@ TEST_F(record_intake, repeated_errors_are_told_once_an_interval) {
   EXPECT_EQ(7, c.g_count);
   EXPECT_EQ(told_time, c.throttle_timestamp);
   wllb_clock_ms = clock_before;
-}
-
-TEST_F(record_intake, bytes_of_a_captured_body_go_to_its_file_over_block_borders) {
-  const std::string path = std::string(inst->csvfilepath) + "body";
-  snprintf(inst->httpbody_file_path_name, sizeof inst->httpbody_file_path_name, "%s", path.c_str());
-  inst->httpbody_remaining_bytes = 12; // eleven bytes and the record's newline
-  run_block(inst, "first,\n");
-  EXPECT_EQ(5, inst->httpbody_remaining_bytes);
-  EXPECT_EQ(0, inst->sum_rep_counters[SUM_REP_CNT_RAW_DATA_LINES]); // not read as a line
-  run_block(inst, "more\n26,r,1\n");
-  EXPECT_EQ(0, inst->httpbody_remaining_bytes);
-  EXPECT_EQ("first,\nmore", wllb_read_small_file(path.c_str()));
-  EXPECT_EQ(2, inst->sum_rep_counters[SUM_REP_CNT_RAW_DATA_LINES]); // the body's end is read again as a line
-  EXPECT_EQ(1, inst->resource_map.at_or_zero(1));
 }

@@ -112,6 +112,8 @@ TEST_F(recovery_damage, local_maps_hold_what_was_saved_or_nothing) {
                                                   : inst->http_header_map.at_or_zero(local_id).norm_http_header_id;
         EXPECT_TRUE(found == right || (!whole && found <= 0)) << found;
       }
+      EXPECT_TRUE(std::is_sorted(inst->sql_query_map.data, inst->sql_query_map.data + inst->sql_query_map_size,
+                                 [](const auto &a, const auto &b) { return a.loc_id < b.loc_id; }));
     };
     damage(file(row.file_name), file_of(ids[0]), [&](bool whole) {
       expect_ids(whole, ids[0] | flag);

@@ -192,34 +192,6 @@ TEST_F(recovery_files, a_failed_save_is_made_good_by_the_next_change) {
   EXPECT_EQ(bytes_of(inst->method_map), file_text(file(LOC2NORM_METHOD)));
 }
 
-// --- damage -----------------------------------------------------------------------------------------------------
-
-TEST_F(recovery_files, garbage_gives_no_negative_id_and_can_be_saved_over) {
-  std::mt19937 random(3);
-  for (int round = 0; round < 24; ++round) {
-    std::string garbage(random() % 40000, '\xff');
-    for (size_t i = 0; round % 2 == 1 && i < garbage.size(); ++i)
-      garbage[i] = static_cast<char>(random());
-    for (int bit = 0; bit < __NUM_LOC2NORM_BITS__; ++bit)
-      put_file(file(bit), garbage);
-    restart();
-    for (const loc2norm_row &row : loc2norm_rows)
-      for (int64_t i = 0; row.map && i < (inst->*row.map).size; ++i)
-        ASSERT_GE((inst->*row.map).data[i], 0);
-    for (int i = 0; i < inst->sql_query_map_size; ++i) {
-      ASSERT_GE(inst->sql_query_map.data[i].norm_id, 0);
-      ASSERT_TRUE(i == 0 || inst->sql_query_map.data[i - 1].loc_id < inst->sql_query_map.data[i].loc_id);
-    }
-    for (const loc2norm_row &row : loc2norm_rows)
-      tqp_store_loc2norm(inst, row.bit, 50, 7);
-    tqp_store_http_header(inst, 50, 7, "Host");
-    save();
-    restart();
-    EXPECT_EQ(7, inst->tags_map.data[50]);
-    EXPECT_STREQ("Host", inst->http_header_map.data[50].http_header_name);
-  }
-}
-
 // --- queries and headers ----------------------------------------------------------------------------------------
 
 TEST_F(recovery_files, queries_are_read_only_beside_the_marker_and_with_their_text) {

@@ -59,11 +59,6 @@ protected:
     return occurrences(wllb_read_small_file(below_partition("tq/logs/trace.log").c_str()), words);
   }
 
-  uint32_t bad_records() const {
-    wllb_hold hold(inst->tqp_instance_mon_stat_info.tqp_instance_mon_str_lock);
-    return inst->tqp_instance_mon_stat_info.invalid_rawdata_count;
-  }
-
   // Of a "partition:offset:length".
   std::string stored(const std::string &reference) const {
     sqb_fwrite(inst, nullptr, 0, true, false);
@@ -76,10 +71,8 @@ protected:
   }
 
   static std::vector<std::string> split(const std::string &text, char at) {
-    std::vector<std::string> out(1);
-    for (const char c : text)
-      c == at ? out.emplace_back() : (out.back() += c);
-    return out;
+    const std::vector<std::string_view> pieces = wllb_split(text, at);
+    return {pieces.begin(), pieces.end()};
   }
 };
 
@@ -100,7 +93,7 @@ TEST_F(request_detail, items_become_names_and_values_in_sections) {
   };
   for (const auto &[lines, text] : rows)
     EXPECT_EQ(text, detail_of(lines)) << lines;
-  EXPECT_EQ(0U, bad_records());
+  EXPECT_EQ(0U, bad_records(inst));
 }
 
 TEST_F(request_detail, custom_values_get_rows_with_a_number) {
@@ -172,11 +165,11 @@ TEST_F(request_detail, bad_records_cost_no_more_than_themselves) {
 
   for (const auto &[line, words, text, counted] : rows) {
     SCOPED_TRACE(line);
-    const uint32_t bad = bad_records();
+    const uint32_t bad = bad_records(inst);
     const int told = traced(words);
     EXPECT_EQ(text, detail_of(line + "\n"));
     EXPECT_EQ(told + 1, traced(words));
-    EXPECT_EQ(bad + counted, bad_records());
+    EXPECT_EQ(bad + counted, bad_records(inst));
   }
 }
 
@@ -214,6 +207,21 @@ TEST_F(request_detail, what_came_before_the_header_goes_out_with_the_flowpath) {
   EXPECT_EQ("45,1,2,3,4,,", stored(line[43]));
   EXPECT_EQ("46,1,-2,25,3,text/plain,first", stored(responses[0]));
   EXPECT_EQ("46,5,6,7,8,t,second|half", stored(responses[1]));
+}
+
+TEST_F(request_detail, a_value_that_finds_no_file_has_no_place_in_a_later_one) {
+  const std::string file = below_partition("tq/sqb/5"), logged = "20," + T + ",3,4711,17,1\n";
+  resume_flag = 1;
+  fs::create_directories(file); // no file can be opened there
+  run(logged);
+  ASSERT_TRUE(segment());
+  EXPECT_EQ("", wllb_text_view(segment()->dynamic_data_buf));
+  fs::remove(file);
+  const wllb_file earlier(fopen(file.c_str(), "w"));
+  fputs("blobs of the run before", earlier.get());
+  fflush(earlier.get());
+  run(logged);
+  EXPECT_EQ("20,3,4711,1,1,-1,-1,-1,-1,-1|", stored(std::string(wllb_text_view(segment()->dynamic_data_buf))));
 }
 
 // --- bodies ---------------------------------------------------------------------------------------------------------

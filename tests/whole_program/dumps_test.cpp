@@ -2,6 +2,7 @@
 
 #include "test_run.h"
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -41,11 +42,6 @@ protected:
         found.push_back(entry.path());
     return found;
   }
-
-  static std::string text_of(const fs::path &file) {
-    std::ifstream in(file);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
 };
 
 static const std::string rule = "\n---------------------------\n";
@@ -56,20 +52,20 @@ TEST_F(dumps_on_demand, a_request_file_chooses_instances_and_maps) {
   tqp->signal(SIGRTMIN + 5);
   const std::string end_of_dump = "entry_methods_count,entry_exit_methods_count\n";
   ASSERT_TRUE(
-      eventually([&] { return dumps().size() == 1 && text_of(dumps()[0]).find(end_of_dump) != std::string::npos; }));
+      eventually([&] { return dumps().size() == 1 && file_text(dumps()[0]).find(end_of_dump) != std::string::npos; }));
 
   const std::string name = dumps()[0].filename().string();
   EXPECT_EQ(0U, name.find("tqp_loc2norm_map_dump_Tier_Server_App_" + first_partition + "_")) << name;
   EXPECT_NE(std::string::npos, name.find("_1.log"));
   // 37 asks for causes in the records, and gets the cause map's neighbour here: the two are crossed.
-  EXPECT_EQ(0U, text_of(dumps()[0])
+  EXPECT_EQ(0U, file_text(dumps()[0])
                     .find("METHOD MAP" + rule + "BCI_Local_ID | Normalized_ID\n17|1\n" + "Exception Cause MAP" + rule +
                           "BCI_Local_ID | Normalized_ID\n17|1\n" + "HTTP Header MAP" + rule +
                           "BCI_Local_ID | Normalized_ID | Header_Name\n3|0|User-Agent\n" + "SQL MAP" + rule +
                           "BCI_Local_ID | Normalized_ID | Query_Type\n9|1|1\n" + "Con FP Buf" + rule +
                           "last_occupied_fp_idx=0\ncur_max_concurrent_flowpaths="))
-      << text_of(dumps()[0]);
-  EXPECT_NE(std::string::npos, text_of(dumps()[0]).find("\n0.0,100:100:0:100,")) << text_of(dumps()[0]);
+      << file_text(dumps()[0]);
+  EXPECT_NE(std::string::npos, file_text(dumps()[0]).find("\n0.0,100:100:0:100,")) << file_text(dumps()[0]);
 }
 
 TEST_F(dumps_on_demand, without_a_request_file_everything_is_dumped_and_an_empty_one_asks_for_nothing) {
@@ -96,4 +92,21 @@ TEST_F(dumps_on_demand, the_status_file_tells_how_far_each_instance_is) {
       first_partition + "|" + std::to_string(size) + "|" + std::to_string(size - 5) + "|0\n";
   EXPECT_TRUE(eventually([&] { return read("tq/logs/tqp_current_processing_status") == wanted; }))
       << read("tq/logs/tqp_current_processing_status");
+}
+
+TEST_F(dumps_on_demand, at_trace_level_2_the_maps_are_shown_before_and_after_each_switch) {
+  const std::vector<std::string> all = {first_partition, second_partition, "20261122120000"};
+  std::vector<int> shown;
+  for (const int level : {1, 2}) { // each run moves on by one partition
+    keywords("TQP_TRACE_LEVEL " + std::to_string(level) + "\n");
+    make_partitions({all.begin(), all.begin() + level + 1});
+    raw(identity());
+    EXPECT_EQ(0, run().exit_status);
+    for (const std::string &partition : all)
+      shown.push_back(static_cast<int>(std::ranges::count_if(dumps(), [&](const fs::path &file) {
+        return file.filename().string().find("_App_" + partition + "_") != std::string::npos &&
+               file_text(file).find("METHOD MAP" + rule + "BCI_Local_ID | Normalized_ID\n17|1\n") == 0;
+      })));
+  }
+  EXPECT_EQ((std::vector<int>{0, 0, 0, 0, 1, 1}), shown);
 }

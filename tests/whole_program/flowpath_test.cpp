@@ -4,6 +4,7 @@
 #include "test_run.h"
 
 #include "wllb_compression.h"
+#include "wllb_util.h"
 
 #include <algorithm>
 #include <csignal>
@@ -26,6 +27,11 @@ protected:
 
   static std::vector<std::string> fields(const std::string &row) { return split(row, ','); }
 
+  static std::vector<std::string> split(const std::string &text, char at) {
+    const std::vector<std::string_view> pieces = wllb_split(text, at);
+    return {pieces.begin(), pieces.end()};
+  }
+
   // What a row's reference "C:1:partition:offset:length" points at.
   std::vector<std::string> segment_lines(const std::string &row) const {
     char partition[32];
@@ -43,17 +49,6 @@ protected:
         wllb_decomp_do(file.data() + offset, static_cast<size_t>(length), 1U << 30U, &text) != 0)
       return "unreadable";
     return text;
-  }
-
-  static std::vector<std::string> split(const std::string &text, char at) {
-    std::vector<std::string> out(1);
-    for (const char c : text) {
-      if (c == at)
-        out.emplace_back();
-      else
-        out.back() += c;
-    }
-    return out;
   }
 
   int check() {
@@ -99,22 +94,6 @@ TEST_F(flowpaths, a_classic_flowpath_fills_every_column) {
   EXPECT_EQ("2,3,4,5,30,5,1,30,30,100,100,30,5,500,1073741825,4,3,2,1,4,3,2,1\n"
             "1,3,4,5,20,8,1,20,20,100,100,50,3,500,1073741825,7,6,5,4,3,3,3,3\n",
             data("TQMethodTiming.csv"));
-  EXPECT_EQ(0, check());
-}
-
-TEST_F(flowpaths, an_exit_form_flowpath_is_put_in_call_order) {
-  // Methods come when they end: sub (depth 2, numbers 2 to 3) before main (depth 1, numbers 1 to 4).
-  raw(names + "2,500:0:0:500,100,7,1,5\n"
-              "43,x,500:0:0:500,2:77_1:2:3_2_10:30_0_5:4:3:2:1_0|\n"
-              "44,x,500:0:0:500,200,3,5:4:3:2:1,50,-,-,c,1:77_1:1:4_1_0:50_0_8:7:6:5:4_1|\n");
-  EXPECT_EQ(0, run().exit_status);
-  ASSERT_EQ(1U, rows().size());
-  const auto list = segment_lines(rows()[0]);
-  ASSERT_EQ(2U, list.size());
-  EXPECT_EQ("1:77_0:1:1_0_2:77_0:2:0_10_2:0_1:3:0_40_5:4:3:2:1_1:0_1:4:1_50_8:7:6:5:4",
-            inflated(first_partition, 0, atol(fields(list[1])[9].c_str())));
-  EXPECT_EQ("1", fields(rows()[0])[24]); // entry point: a global id in this form
-  EXPECT_EQ("2", fields(rows()[0])[15]); // methods
   EXPECT_EQ(0, check());
 }
 
@@ -200,25 +179,6 @@ TEST_F(flowpaths, a_record_limit_truncates) {
   EXPECT_EQ(1, counted("FPGMode2 - Bad flowpaths count where header record (2) not received"));
 }
 
-// --- partitions ------------------------------------------------------------------------------------------------------
-
-TEST_F(flowpaths, late_rows_go_to_the_partition_they_belong_to) {
-  make_partitions({first_partition, second_partition}); // the second begins at 3600
-  raw(names + "2,500:0:0:500,3000,7,1,5,q,c,1,2,3,t,1,1,,,,1\n" + one_method("500:0:0:500"), "Tier_Server_App",
-      first_partition);
-  raw(identity() + "2,600:0:0:600,3100,7,1,5,q,c,1,2,3,t,1,1,,,,1\n" + one_method("600:0:0:600") +
-      "2,700:0:0:700,3600,7,1,5,q,c,1,2,3,t,1,1,,,,1\n" + one_method("700:0:0:700"));
-  EXPECT_EQ(0, run().exit_status);
-  ASSERT_EQ(2U, rows(first_partition).size());
-  ASSERT_EQ(1U, rows(second_partition).size());
-  EXPECT_EQ("600", fields(rows(first_partition)[1])[0]);
-  EXPECT_EQ("700", fields(rows(second_partition)[0])[0]);
-  // The partition was done when they came, so its done file tells of them: timing rows are written first.
-  EXPECT_EQ("0,5,Tier_Server_App/TQMethodTiming.csv\n0,5,Tier_Server_App/TQFlowPath.csv\n",
-            read(first_partition + "/tq/csv/.tqp_process_done_v2.txt"));
-  EXPECT_EQ(0, check());
-}
-
 // --- real mixes --------------------------------------------------------------------------------------------------------
 
 class sample_runs : public flowpaths {
@@ -255,20 +215,36 @@ protected:
   }
 };
 
-TEST_F(sample_runs, every_reference_holds_in_every_version_and_form) {
-  for (const char *keys :
-       {"TQP_SEQ_BLOB_IN_FILE_FLAG 1 A", "TQP_SEQ_BLOB_IN_FILE_FLAG 1 B;TQP_GENERATE_FP_SIGNATURES 1",
-        "TQP_BINARY_FORMAT_FOR_METHOD_TIMING 0;TQP_FREE_FP_MEM_ON_COMPLETION 0;TQP_ENABLE_SQL_RECORD 1"}) {
+TEST_F(sample_runs, every_record_is_good_and_every_reference_holds_in_every_version_and_form) {
+  const struct {
+    const char *keywords, *options;
+    int expected;
+  } runs[] = {
+      {"TQP_SEQ_BLOB_IN_FILE_FLAG 1 A", "--flowpaths 120", 480},
+      {"TQP_SEQ_BLOB_IN_FILE_FLAG 1 B;TQP_GENERATE_FP_SIGNATURES 1",
+       "--form exit --flowpaths 60 --flowpath-methods 900 --in-flight 30 --seed 5", 240},
+      {"TQP_SEQ_BLOB_IN_FILE_FLAG 1 C", "--form classic --flowpaths 60 --flowpath-methods 900 --in-flight 30", 240},
+      {"TQP_BINARY_FORMAT_FOR_METHOD_TIMING 0;TQP_FREE_FP_MEM_ON_COMPLETION 0;TQP_ENABLE_SQL_RECORD 1",
+       "--instances 7 --partitions 3 --flowpaths 90 --flowpath-methods 1 --in-flight 1 --seed 2", 630},
+  };
+
+  for (const auto &[keys, options, expected] : runs) {
     SCOPED_TRACE(keys);
-    sample({"--flowpaths", "120", "--keywords", keys});
+    std::vector<std::string> words = wllb_words(options, 20);
+    words.insert(words.end(), {"--keywords", keys});
+    sample(words);
     const program_end end = run();
     EXPECT_EQ(0, end.exit_status) << end.errors;
     EXPECT_EQ(0, check());
+    for (const std::string &partition : partitions) {
+      EXPECT_EQ(0, occurrences(trace(partition), "Error in Raw Data"));
+      EXPECT_EQ(0, counted("Incomplete Flowpaths Generated", partition));
+    }
     int found = 0;
     for (const auto &entry : fs::recursive_directory_iterator(path("")))
       if (entry.path().filename() == "TQFlowPath.csv")
         found += static_cast<int>(lines_of(read(entry.path().string().substr(path("").size()))).size());
-    EXPECT_EQ(4 * 120, found); // every flowpath has its row
+    EXPECT_EQ(expected, found) << "every flowpath has its row";
   }
 }
 

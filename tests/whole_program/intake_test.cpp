@@ -89,18 +89,6 @@ TEST_F(tqp_test_run, many_instances_share_one_table_of_texts) {
   EXPECT_EQ(12 * 200, counted("Method Discovery (Event ID 5) Records Processed"));
 }
 
-TEST_F(tqp_test_run, extended_metadata_tells_when_and_by_whom) {
-  keywords("TQP_EXTENDED_METADATA 1\n");
-  raw(identity() + discoveries);
-  EXPECT_EQ(0, run().exit_status);
-  const std::string rows = common("TQMetaDataEx.csv");
-  EXPECT_EQ(1, occurrences(rows, "\n2,0,"));        // the second method
-  EXPECT_EQ(0, occurrences(rows, "1073741825"));    // URLs have no such row
-  EXPECT_EQ(1, occurrences(rows, "1073741824,8,")); // a query that is not prepared, under the kind of SQL
-  for (const std::string &line : lines_of(rows))
-    EXPECT_NE(std::string::npos, line.find(",Tier_Server_App"));
-}
-
 // --- bad input -----------------------------------------------------------------------------------------------------
 
 TEST_F(tqp_test_run, bad_records_are_told_counted_and_skipped) {

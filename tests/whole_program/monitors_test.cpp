@@ -29,7 +29,7 @@ protected:
     raw(start);
   }
 
-  void write(const std::string &below, const std::string &text) const { std::ofstream(path(below)) << text; }
+  void write(const std::string &below, const std::string &text) const { put_file(path(below), text); }
 
   void wait_until_read() const {
     EXPECT_TRUE(eventually([&] { return saved_offset() == static_cast<long>(fs::file_size(raw_path())); }));

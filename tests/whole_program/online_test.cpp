@@ -1,13 +1,11 @@
-// tq_sample --online: what a collector and a parent say on their ports, and that nobody there can disturb the raw data.
+// tq_sample --online: what a collector says on its port.
 //   In      the program beside this one, and clients that this test plays
 //   Out     test runs in a directory of their own
-//   Failure a message that the daemon would not understand, or a client that holds the program up
+//   Failure a message that the daemon would not understand
 #include "test_run.h"
 #include "wllb_sock.h"
 #include "wllb_util.h"
 
-#include <deque>
-#include <set>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -94,34 +92,6 @@ TEST_F(online_sample, tells_on_request_what_its_agents_have_forgotten) {
       EXPECT_TRUE(occurrences(answer, "\n") == 2 && answer.starts_with(kind == "21" ? "2" : kind + ",")) << answer;
     }
   }
-}
-
-TEST_F(online_sample, tells_monitors_in_words_and_lets_no_client_disturb_it) {
-  const auto calm = play(" --seconds 2 --linger 60 --metadata-replies wrong");
-  std::set<std::string> faults;
-  for (int i = 0; i < 30; ++i)
-    faults.insert(client(port, i % 2 ? old_request : new_request, "5_1_1").hear("\n"));
-  EXPECT_TRUE(eventually(ended) && faults.size() > 15U) << faults.size();
-  const std::string undisturbed = made(web01);
-  const auto wild = play(" --seconds 2 --linger 60 --metadata-replies closed");
-  const int monitor_port = atoi(made("/logs/TR1234/WLDHPort").c_str());
-  const client monitor(monitor_port, "");
-  for (const char byte : "\x38\0\0\0\xa2\0\0\0cm_tqp_instance_monitor_stats.gdf;TQP;4711;work;DVM\0"s +
-                             "5:Tier_Server_App|1 2 3 4 5 6 7 8 9 10 0.5\n5:Tier|\x1b 1\n")
-    send(monitor.fd, &byte, 1, 0);
-  std::deque<client> clients; // that say nothing, something wrong, no end of a line, or never listen
-  for (size_t i = 0; i < 400; ++i)
-    clients.emplace_back(i % 2 ? port : monitor_port, i % 5 ? "" : i % 3 ? new_request : std::string(i * 1000, 'x'));
-  EXPECT_TRUE(eventually(ended));
-  const std::string half = client(port, old_request, "5_1").hear("\n");
-  EXPECT_TRUE(half.starts_with("5,") && !half.ends_with("\n")) << half;
-  wild->signal(SIGTERM);
-  EXPECT_EQ(0, wild->wait().exit_status);
-  EXPECT_EQ(undisturbed, made(web01));
-  EXPECT_EQ(1, occurrences(made(".out"), "registered: cm_tqp_instance_monitor_stats.gdf of TQP, pid 4711, "));
-  EXPECT_EQ(1, occurrences(made(".out"), "instance Tier_Server_App: flowpaths without begin 1, bad timestamps 2, "));
-  EXPECT_EQ(1, occurrences(made(".out"), ", lag 6 partitions, late flowpaths 7, too late flowpaths 8, "));
-  EXPECT_EQ(1, occurrences(made(".out"), "not understood from cm_tqp_instance_monitor_stats.gdf: 5:Tier|? 1\n"));
 }
 
 } // namespace

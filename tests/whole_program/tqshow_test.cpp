@@ -160,10 +160,7 @@ protected:
     make_flowpaths();
   }
 
-  void put(const std::string &below, const std::string &text) const {
-    fs::create_directories(fs::path(path(below)).parent_path());
-    std::ofstream(path(below), std::ios::binary) << text;
-  }
+  void put(const std::string &below, const std::string &text) const { put_file(path(below), text); }
 
   void put_data(const std::string &name, const std::string &text) const { put(data_name(name), text); }
 

@@ -20,10 +20,7 @@ protected:
     fs::create_symlink(TQP_BINARY_DIR "/tqu_db_upload", directory + "/bin/tqu_db_upload");
   }
 
-  void put(const std::string &below, const std::string &text) const { // appends
-    fs::create_directories(fs::path(path(below)).parent_path());
-    std::ofstream(path(below), std::ios::app) << text;
-  }
+  void put(const std::string &below, const std::string &text) const { put_file(path(below), text, std::ios::app); }
 
   std::unique_ptr<running_program> load(int ppid) const {
     const std::string words = TQP_BINARY_DIR "/tqu_db_upload --running_mode 1 --vector_separator : --idle_time 3600"

@@ -24,10 +24,9 @@ struct metadata_request {
 // The value behind `key` in a line of items that semicolons part; empty when there is none.
 static std::string_view item(std::string_view line, std::string_view key) {
   while (!line.empty()) {
-    const std::string_view one = line.substr(0, line.find(';'));
-    if (one.substr(0, key.size()) == key)
+    const std::string_view one = wllb_take_piece(&line, ';');
+    if (one.starts_with(key))
       return one.substr(key.size());
-    line.remove_prefix(std::min(one.size() + 1, line.size()));
   }
   return {};
 }

@@ -119,11 +119,8 @@ static ssize_t take_registration(online_connection &connection, std::string_view
     return 0;
   const std::string text(rest.substr(8, total - 9));
   std::vector<std::string> fields;
-  for (size_t from = 0; from <= text.size() && fields.size() < 6;) {
-    const size_t to = std::min(text.find(';', from), text.size());
-    fields.push_back(text.substr(from, to - from));
-    from = to + 1;
-  }
+  for (const std::string_view field : wllb_split(text, ';'))
+    fields.emplace_back(field);
   if (rest[total - 1] != '\0' || fields.size() != 5 || fields[0].empty() || fields[4] != "DVM") {
     *said = wllb_format("a monitor came with '%s': not a registration\n", text.c_str());
     return -1;

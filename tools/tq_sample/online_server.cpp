@@ -18,6 +18,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "sample_tools.h"
 #include "wllb_util.h"
 
 static constexpr size_t max_connections = 256;
@@ -25,14 +26,8 @@ static constexpr size_t max_unread = 1 << 17;    // bytes that make no message
 static constexpr size_t max_unsent = 32 << 20;   // bytes that a connection does not take
 static constexpr int64_t max_silence_ms = 30000; // before the first line
 
-static int64_t now_ns() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * 1'000'000'000 + now.tv_nsec;
-}
-
 int64_t online_now_ms() {
-  return now_ns() / 1'000'000;
+  return sample_now_ns() / 1'000'000;
 }
 
 // --- ports ----------------------------------------------------------------------------------------------------
@@ -200,7 +195,7 @@ static void serve_round(online_server &server, int64_t until_ns, bool *accepting
     polled.push_back({server.collector_fd, POLLIN, 0});
     polled.push_back({server.monitor_fd, POLLIN, 0});
   }
-  const int64_t left = std::max<int64_t>(0, until_ns - now_ns());
+  const int64_t left = std::max<int64_t>(0, until_ns - sample_now_ns());
   const timespec wait = {left / 1'000'000'000, left % 1'000'000'000};
   if (ppoll(polled.data(), polled.size(), &wait, nullptr) < 0)
     return; // a signal: the caller looks at its flag
@@ -219,7 +214,7 @@ void online_serve(online_server &server, int64_t until_ns) {
   bool accepting = true;
   do
     serve_round(server, until_ns, &accepting);
-  while (now_ns() < until_ns);
+  while (sample_now_ns() < until_ns);
 }
 
 void online_close(online_server &server) {

@@ -39,12 +39,6 @@ int sample_write_out(const sample_raw_file &file, size_t length) {
   return 0;
 }
 
-static int64_t now_ns() {
-  timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * 1'000'000'000 + now.tv_nsec;
-}
-
 static void sleep_until(int64_t ns) {
   const timespec when = {ns / 1'000'000'000, ns % 1'000'000'000};
   clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &when, nullptr);
@@ -87,7 +81,7 @@ int sample_append(std::vector<sample_raw_file> &files, uint64_t seed, int64_t ra
                   const sample_beside *beside) {
   constexpr int64_t tick_ns = 1'000'000'000 / sample_ticks_per_second;
   sample_random random = {seed ^ 0x5eed5eedU};
-  const int64_t begin_ns = now_ns();
+  const int64_t begin_ns = sample_now_ns();
   sample_install_stop_handler();
   for (int64_t tick = 0; tick < seconds * sample_ticks_per_second && !sample_stop_asked(); ++tick) {
     if (beside && beside->before_tick(tick) != 0)

@@ -21,15 +21,7 @@ static int complain(const char *what, const std::string &path) {
 }
 
 int sample_write(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = write(fd, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR)
-      continue;
-    if (count < 0)
-      return complain("Could not write", "raw data");
-    bytes.remove_prefix(static_cast<size_t>(count));
-  }
-  return 0;
+  return wllb_write_all(fd, bytes) ? 0 : complain("Could not write", "raw data");
 }
 
 static int make_directory(const std::string &path) {

@@ -18,6 +18,7 @@
 #include "sample_model.h"
 #include "sample_records.h"
 #include "sample_stream.h"
+#include "wllb_util.h"
 
 static const char usage_text[] =
     "tq_sample --dir WORKDIR --testrun N [options]\n"
@@ -197,13 +198,14 @@ static bool read_command_line(sample_options &options, int argc, char **argv) {
   rows.push_back({"help", no_argument, nullptr, 0});
   rows.push_back({});
   int which = 0;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
   for (int found = 0; (found = getopt_long(argc, argv, "", rows.data(), &which)) != -1;) {
     if (found != 0)
       return false; // getopt_long has said why
     const char *name = rows[static_cast<size_t>(which)].name;
     if (strcmp(name, "help") == 0) {
       fputs(usage_text, stdout);
-      exit(0);
+      exit(0); // NOLINT(concurrency-mt-unsafe): there is one thread
     }
     if (!take_option(options, name, optarg))
       return false;
@@ -221,10 +223,8 @@ static bool read_command_line(sample_options &options, int argc, char **argv) {
 // semicolon of its own.
 static std::string keyword_lines(const std::string &text) {
   std::string lines;
-  for (size_t from = 0; from < text.size();) {
-    const size_t to = std::min(text.find(';', from), text.size());
-    std::string_view piece(text.data() + from, to - from);
-    from = to + 1;
+  for (std::string_view rest = text; !rest.empty();) {
+    std::string_view piece = wllb_take_piece(&rest, ';');
     while (!piece.empty() && piece.front() == ' ')
       piece.remove_prefix(1);
     if (piece.empty())

@@ -8,9 +8,17 @@
 #include <charconv>
 #include <concepts>
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
+
+// The monotonic clock.
+inline int64_t sample_now_ns() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+}
 
 struct sample_random {
   uint64_t state;

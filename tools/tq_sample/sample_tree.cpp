@@ -328,7 +328,7 @@ static void walk_tree(sample_walk &walk) {
   while (!walk.open.empty()) {
     cut_long_piece(walk);
     const uint32_t dice = walk.random->below(100);
-    if (walk.left == 0)
+    if (walk.left == 0) // NOLINT(bugprone-branch-clone): the last one is for the other throws of the dice
       leave_method(walk, false, 0);
     else if (dice < 30 && walk.open.size() < max_depth)
       enter_method(walk, SAMPLE_INNER);

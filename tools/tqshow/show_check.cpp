@@ -247,8 +247,7 @@ static void check_points(check_row &at) {
       ids.empty() != times.empty())
     row_fault(at, "columns 43 and 44 have not as many entries");
   for (std::string_view rest = ids; !rest.empty();) {
-    const std::string_view id = rest.substr(0, rest.find(','));
-    rest.remove_prefix(std::min(id.size() + 1, rest.size()));
+    const std::string_view id = wllb_take_piece(&rest, ',');
     int64_t number = 0;
     const std::string words = show_number(id, &number) ? missing_name(at.check, KIND_METHOD, number)
                                                        : "column 43 has an id that is no number";

@@ -23,8 +23,7 @@ static constexpr captured_column captured_columns[] = {
 // Calls use(reference, words, text) for each text of a column; words: null, or why it cannot be read.
 template <class Use> static void each_text(const show_run &run, int64_t app, std::string_view references, Use use) {
   while (!references.empty()) {
-    const std::string_view reference = references.substr(0, references.find('@'));
-    references.remove_prefix(std::min(reference.size() + 1, references.size()));
+    const std::string_view reference = wllb_take_piece(&references, '@');
     std::string_view parts[3];
     show_blob_file file;
     std::string text;

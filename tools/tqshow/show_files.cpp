@@ -91,40 +91,19 @@ std::string show_time_text(const show_run &run, int64_t time_sec) {
 
 // --- lines and columns --------------------------------------------------------------------------------------------
 
-// A plain file's descriptor; -1 for anything else. Never blocks.
-static int open_plain_file(const std::string &path, int64_t *size) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  struct stat found = {};
-  if (fd >= 0 && fstat(fd, &found) == 0 && S_ISREG(found.st_mode)) {
-    *size = found.st_size;
-    return fd;
-  }
-  if (fd >= 0)
-    close(fd);
-  return -1;
-}
-
-show_lines::show_lines(const std::string &path) {
-  int64_t size = 0;
-  fd = open_plain_file(path, &size);
-}
-
-show_lines::~show_lines() {
-  if (fd >= 0)
-    close(fd);
-}
+show_lines::show_lines(const std::string &path) : file(wllb_open_plain(path.c_str(), O_RDONLY)) {}
 
 // Reads more behind the unread bytes. False at the end of the file, and when a line is longer than the limit.
 bool show_lines::fill() {
   constexpr size_t step = size_t{256} * 1024;
-  if (fd < 0)
+  if (!is_open())
     return false;
   block.erase(0, begin);
   end -= begin;
   begin = 0;
   if (end == block.size())
     block.resize(std::min(std::max(2 * end, step), show_line_limit));
-  const ssize_t count = end < block.size() ? read(fd, block.data() + end, block.size() - end) : 0;
+  const ssize_t count = end < block.size() ? read(file.fd, block.data() + end, block.size() - end) : 0;
   if (count <= 0)
     return false;
   end += static_cast<size_t>(count);
@@ -255,11 +234,6 @@ bool show_next_line(std::string_view *list, show_segment_line *line) {
 
 // --- sequence blob files ---------------------------------------------------------------------------------------------
 
-show_blob_file::~show_blob_file() {
-  if (fd >= 0)
-    close(fd);
-}
-
 bool show_open_blob_file(const show_run &run, std::string_view partition, int64_t app, show_blob_file *file) {
   const std::string name(partition);
   if (!is_partition(name.c_str()))
@@ -267,8 +241,10 @@ bool show_open_blob_file(const show_run &run, std::string_view partition, int64_
   for (const char *tree : {"webapps/logs", "logs"}) { // the same place, unless the two trees of the test run are apart
     const std::string path = wllb_format("%s/%s/TR%d/%s/tq/sqb/%lld", run.work_dir.c_str(), tree, run.testidx,
                                          name.c_str(), static_cast<long long>(app));
-    file->fd = open_plain_file(path, &file->size);
-    if (file->fd >= 0)
+    struct stat found = {};
+    file->file.reset(wllb_open_plain(path.c_str(), O_RDONLY, &found));
+    file->size = found.st_size;
+    if (file->file.fd >= 0)
       return true;
   }
   return false;
@@ -278,13 +254,8 @@ const char *show_read_bytes(const show_blob_file &file, int64_t offset, int64_t 
   if (offset < 0 || length < 0 || offset > file.size || length > file.size - offset)
     return "reaches behind the end of the sequence blob file";
   bytes->resize(static_cast<size_t>(length));
-  for (size_t done = 0; done < bytes->size();) {
-    const ssize_t count = pread(file.fd, bytes->data() + done, bytes->size() - done, offset + static_cast<off_t>(done));
-    if (count <= 0)
-      return "cannot be read from the sequence blob file";
-    done += static_cast<size_t>(count);
-  }
-  return nullptr;
+  const bool whole = wllb_read_at(file.file.fd, bytes->data(), length, offset) == length;
+  return whole ? nullptr : "cannot be read from the sequence blob file";
 }
 
 const char *show_read_member(const show_blob_file &file, int64_t offset, int64_t length, std::string *text) {

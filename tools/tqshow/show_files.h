@@ -59,11 +59,8 @@ std::string show_time_text(const show_run &run, int64_t time_sec);
 // Reads a file line by line.
 struct show_lines {
   explicit show_lines(const std::string &path);
-  ~show_lines();
-  show_lines(const show_lines &) = delete;
-  show_lines &operator=(const show_lines &) = delete;
 
-  bool is_open() const { return fd >= 0; }
+  bool is_open() const { return file.fd >= 0; }
 
   // The next line without its newline, good until the next call. False at the end of the file.
   bool next(std::string_view *line);
@@ -74,7 +71,7 @@ struct show_lines {
 
 private:
   bool fill();
-  int fd = -1;
+  wllb_fd file;
   std::string block;
   size_t begin = 0, end = 0; // unread bytes of `block`
 };
@@ -164,13 +161,8 @@ bool show_next_line(std::string_view *list, show_segment_line *line);
 // --- sequence blob files ---------------------------------------------------------------------------------------------
 
 struct show_blob_file {
-  int fd = -1;
+  wllb_fd file;
   int64_t size = 0;
-
-  show_blob_file() = default;
-  ~show_blob_file();
-  show_blob_file(const show_blob_file &) = delete;
-  show_blob_file &operator=(const show_blob_file &) = delete;
 };
 
 // Opens "<testrun>/<partition>/tq/sqb/<app>". False: there is none, or the partition's name is no partition's.

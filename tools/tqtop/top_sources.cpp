@@ -39,22 +39,17 @@ pid_t top_find_daemon(const top_run &run) {
 
 // --- positions ---------------------------------------------------------------------------------------------------
 
-static std::vector<std::string> cut(const std::string &line, char separator) {
-  std::vector<std::string> fields;
-  for (size_t begin = 0; begin <= line.size();) {
-    const size_t end = std::min(line.find(separator, begin), line.size());
-    fields.push_back(line.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return fields;
+static int64_t number(std::string_view text) {
+  return atoll(std::string(text).c_str());
 }
 
-static std::vector<top_position> read_positions(const std::string &text) {
+static std::vector<top_position> read_positions(std::string_view text) {
   std::vector<top_position> positions;
-  for (const std::string &line : cut(text, '\n')) {
-    const std::vector<std::string> f = cut(line, '|');
+  while (!text.empty()) {
+    const std::string_view line = wllb_take_piece(&text, '\n');
+    const std::vector<std::string_view> f = wllb_split(line, '|');
     if (f.size() == 5 && line[0] != '#')
-      positions.push_back({f[0], f[1], atoll(f[2].c_str()), atoll(f[3].c_str()), atoll(f[4].c_str())});
+      positions.push_back({std::string(f[0]), std::string(f[1]), number(f[2]), number(f[3]), number(f[4])});
   }
   return positions;
 }
@@ -125,7 +120,8 @@ constexpr size_t sample_columns = 11;
 std::map<std::string, top_errors> top_read_samples(const std::string &path) {
   std::map<std::string, top_errors> newest;
   const std::string text = wllb_read_small_file(path.c_str(), size_t{1} << 30);
-  for (const std::string &line : cut(text, '\n')) {
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::string line(wllb_take_piece(&rest, '\n'));
     const size_t colon = line.find(':'), bar = line.rfind('|');
     if (colon == std::string::npos || bar == std::string::npos || bar < colon)
       continue;
@@ -149,15 +145,13 @@ static std::string request_path() {
 
 // A request that asks for no map leaves the flowpaths, which are always dumped. Nobody else's request is touched.
 static bool write_request(const std::vector<top_position> &positions) {
-  const int fd = open(request_path().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0)
+  const wllb_fd request(open(request_path().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (request.fd < 0)
     return false;
   std::string text;
   for (const top_position &position : positions)
     text += position.name + ",0\n";
-  const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  close(fd);
-  return written;
+  return wllb_write_all(request.fd, text);
 }
 
 // Slots in use; -1 while the dump is not written to its end, which its heading tells.
@@ -166,9 +160,10 @@ static int64_t count_open(const std::string &dump) {
   if (dump.empty() || dump.back() != '\n' || heading == std::string::npos)
     return -1;
   int64_t open = 0;
-  std::string last;
-  for (const std::string &line : cut(dump.substr(dump.find('\n', heading + 1) + 1), '\n')) {
-    const std::string slot = line.substr(0, line.find('.'));
+  std::string_view last, rest = std::string_view(dump).substr(dump.find('\n', heading + 1) + 1);
+  while (!rest.empty()) {
+    std::string_view line = wllb_take_piece(&rest, '\n');
+    const std::string_view slot = wllb_take_piece(&line, '.');
     open += !slot.empty() && slot != last ? 1 : 0;
     last = slot;
   }

@@ -133,7 +133,7 @@ static int show_rounds(top_run &run, const top_options &options) {
   double last = seconds_now();
   picture.is = mark(run, picture.positions);
   for (int64_t round = 0; round < options.rounds; ++round) {
-    sleep(static_cast<unsigned>(options.interval));
+    sleep(static_cast<unsigned>(options.interval)); // NOLINT(concurrency-mt-unsafe): there is one thread
     picture.was = std::move(picture.is);
     if (!top_ask_status(run, &picture.positions)) {
       fputs(top_find_daemon(run) == run.pid ? "The daemon gives no answer\n" : "The daemon has left\n", stderr);

@@ -88,10 +88,8 @@ std::string upload_done_path(int64_t partition) {
 // The binary twin of an instance's rows gets no line of its own; it is looked at along with any other of its files.
 void upload_late_paths(int64_t partition, std::string_view line, std::set<std::string> *paths) {
   for (int numbers = 0; numbers < 2; ++numbers) {
-    const size_t comma = line.find(',');
-    if (comma == line.npos || !wllb_is_numeric(line.substr(0, comma)))
+    if (!wllb_is_numeric(wllb_take_piece(&line, ',')))
       return;
-    line.remove_prefix(comma + 1);
   }
   const size_t slash = line.find('/');
   if (slash == line.npos || !is_good_name(line.substr(0, slash)) || !is_good_name(line.substr(slash + 1)) ||
@@ -105,28 +103,15 @@ void upload_late_paths(int64_t partition, std::string_view line, std::set<std::s
 // --- rows ---------------------------------------------------------------------------------------------------
 
 upload_reader::upload_reader(const std::string &run_dir, const std::string &path) : records(path.ends_with(".dat")) {
-  fd = open(joined(run_dir, path).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
   struct stat facts = {};
-  if (fd < 0 || fstat(fd, &facts) != 0 || !S_ISREG(facts.st_mode))
-    return;
+  file.reset(wllb_open_plain(joined(run_dir, path).c_str(), O_RDONLY | O_NOFOLLOW, &facts));
   inode = facts.st_ino;
   size = facts.st_size;
 }
 
-upload_reader::~upload_reader() {
-  if (fd >= 0)
-    close(fd);
-}
-
 static std::string read_at(int fd, int64_t from, int64_t size) {
   std::string bytes(static_cast<size_t>(size), '\0');
-  size_t done = 0;
-  ssize_t got = 1;
-  while (done < bytes.size() && got > 0) {
-    got = pread(fd, bytes.data() + done, bytes.size() - done, from + static_cast<off_t>(done));
-    done += got > 0 ? static_cast<size_t>(got) : 0;
-  }
-  bytes.resize(done);
+  bytes.resize(static_cast<size_t>(wllb_read_at(fd, bytes.data(), size, from)));
   return bytes;
 }
 
@@ -137,7 +122,7 @@ static size_t whole_rows(std::string_view bytes, bool records) {
 std::string upload_reader::rows(int64_t from, int64_t limit) const {
   const int64_t there = std::min(limit, size) - from;
   for (int64_t room = piece_size; there > 0; room *= 2) {
-    std::string bytes = read_at(fd, from, std::min(room, there));
+    std::string bytes = read_at(file.fd, from, std::min(room, there));
     const size_t whole = whole_rows(bytes, records);
     if (whole > 0 || room >= there || room >= longest_row) {
       if (whole > 0 || bytes.size() < longest_row)

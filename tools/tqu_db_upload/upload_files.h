@@ -5,6 +5,8 @@
 //   Failure what is not there, or is no plain file, is passed over
 #pragma once
 
+#include "wllb_util.h"
+
 #include <cstdint>
 #include <set>
 #include <string>
@@ -33,15 +35,12 @@ void upload_late_paths(int64_t partition, std::string_view line, std::set<std::s
 
 // A plain file that is read from any place; closed at the end of its scope.
 struct upload_reader {
-  int fd = -1;
+  wllb_fd file;
   uint64_t inode = 0;
   int64_t size = 0;
   bool records = false; // binary records, not lines
 
   upload_reader(const std::string &run_dir, const std::string &path);
-  ~upload_reader();
-  upload_reader(const upload_reader &) = delete;
-  upload_reader &operator=(const upload_reader &) = delete;
 
   // Whole rows from `from` on, none from behind `limit`; some megabytes at most, unless one row is longer. Empty: none.
   std::string rows(int64_t from, int64_t limit) const;

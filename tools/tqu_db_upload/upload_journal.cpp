@@ -21,13 +21,8 @@
 namespace {
 
 struct upload_journal : upload_driver {
-  int fd = -1;
+  wllb_fd file;
   std::string path;
-
-  ~upload_journal() override {
-    if (fd >= 0)
-      close(fd);
-  }
 
   upload_opened open(const upload_options &options, upload_positions *positions) override;
   bool take(const upload_piece &piece, std::string_view rows) override;
@@ -37,18 +32,6 @@ struct upload_journal : upload_driver {
 
 static void tell(const std::string &path) {
   fprintf(stderr, "tqu_db_upload: %s: %s\n", path.c_str(), wllb_strerror(errno).c_str());
-}
-
-// A link, a directory or a pipe in the journal's place is not written to.
-static int open_plain(const std::string &path) {
-  const int flags = O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  const int fd = open(path.c_str(), flags, 0666);
-  struct stat facts = {};
-  if (fd < 0 || (fstat(fd, &facts) == 0 && S_ISREG(facts.st_mode)))
-    return fd;
-  close(fd);
-  errno = EINVAL;
-  return -1;
 }
 
 static void own_as(int fd, const std::string &dir) {
@@ -68,24 +51,26 @@ static void replay_line(const char *line, upload_positions *positions) {
 // Returns the bytes up to the end of the last whole line.
 static int64_t replay(int fd, upload_positions *positions) {
   const wllb_file stream(fdopen(fcntl(fd, F_DUPFD_CLOEXEC, 0), "re"));
-  char *line = nullptr;
-  size_t room = 0;
-  ssize_t length = 0;
   int64_t whole = 0;
-  while (stream && (length = getline(&line, &room, stream.get())) > 0 && line[length - 1] == '\n') {
+  if (!stream)
+    return 0;
+  wllb_for_each_line(stream.get(), [&](char *line, size_t length) {
+    if (line[length - 1] != '\n')
+      return false;
     line[length - 1] = '\0';
     replay_line(line, positions);
-    whole += length;
-  }
-  free(line);
+    whole += static_cast<int64_t>(length);
+    return true;
+  });
   return whole;
 }
 
 upload_opened upload_journal::open(const upload_options &options, upload_positions *positions) {
   path = options.run_dir + "/tq/logs/tqu_db_upload.journal";
   mkdir_ex(path.c_str());
-  if (fd < 0)
-    fd = open_plain(path);
+  if (file.fd < 0) // a link in the journal's place is not written to
+    file.reset(wllb_open_plain(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW));
+  const int fd = file.fd;
   if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK)
     return UPLOAD_IN_USE;
   positions->clear();
@@ -101,7 +86,7 @@ bool upload_journal::take(const upload_piece &piece, std::string_view /*rows*/) 
   const std::string line =
       wllb_format("%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRIu64 ",%s\n", piece.partition, piece.from,
                   piece.to, piece.rows, piece.inode, piece.path.c_str());
-  if (write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size()))
+  if (write(file.fd, line.data(), line.size()) == static_cast<ssize_t>(line.size()))
     return true;
   tell(path);
   return false;

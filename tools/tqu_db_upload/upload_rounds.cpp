@@ -35,9 +35,8 @@ static bool read_done_file(const upload_rounds &r, upload_partition *partition) 
     return false;
   for (std::string text; !(text = done.rows(partition->done_read, done.size)).empty();) {
     partition->done_read += static_cast<int64_t>(text.size());
-    for (std::string_view rest = text; !rest.empty();
-         rest.remove_prefix(std::min(rest.find('\n'), rest.size() - 1) + 1))
-      upload_late_paths(partition->number, rest.substr(0, rest.find('\n')), &partition->late);
+    for (std::string_view rest = text; !rest.empty();)
+      upload_late_paths(partition->number, wllb_take_piece(&rest, '\n'), &partition->late);
   }
   return true;
 }

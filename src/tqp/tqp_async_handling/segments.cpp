@@ -66,6 +66,7 @@ static constexpr segment_text_row segment_texts[] = {
     // clang-format off
   {&segment_fp_t::seq_blob,          16385,    "Segment Sequence Blob"},
   {&segment_fp_t::signstr,           16385,    "Segment Signature"},
+  {&segment_fp_t::side_texts,        4097,     "callout_info"},
   {&segment_fp_t::req_detail_buf,    16385,    "curr_fp->req_detail_buf"},
   {&segment_fp_t::callout_buf,       1025,     "Segment Callout"},
   {&segment_fp_t::request_body_buf,  SIZE_MAX, "Request Body Buffer"},
@@ -84,17 +85,6 @@ static void reset_texts(segment_fp_t *segment, bool free_all) {
   }
 }
 
-// Rows above the top may hold texts, too: a finished method's are not always written out.
-static void free_stack_texts(const record_array<method_call_stack_t> &stack) {
-  for (int32_t i = 0; i < stack.room; ++i) {
-    method_call_stack_t &row = stack.data[i];
-    if (row.callout_info.data)
-      wllb_text_free(row.callout_info, "callout_info");
-    if (row.uninstr_mtd.data)
-      wllb_text_free(row.uninstr_mtd, "uninstr_mtd");
-  }
-}
-
 template <class T> static void zero_entries(const record_array<T> &array) {
   if (array.data)
     memset(static_cast<void *>(array.data), 0, static_cast<size_t>(array.room) * sizeof(T));
@@ -102,9 +92,8 @@ template <class T> static void zero_entries(const record_array<T> &array) {
 
 // The sums of methods are left as they are unless the memory goes: their writer has cleared them.
 static void reset_arrays(segment_fp_t *segment, bool free_all) {
-  free_stack_texts(segment->method_call_stack);
   if (free_all) {
-    record_array_free(segment->method_call_stack, "method_call_stack");
+    method_call_stack_free(segment);
     record_array_free(segment->ctarray, "ctarray");
     tqp_free_method_sums(segment);
     tqp_free_sql_sums(segment);

@@ -5,6 +5,7 @@
 //   Failure a callout past the limit of the text is traced and dropped
 // Sample:  55,T,1.2.12,0,107,1,0,1000,3.5,,0,0,,,0,0,0,0,0|55,t,1.2.13,-1,-1,-1,-1,1000,,,0,0,,,0,0,0,0,0
 
+#include "field_cursor.h"
 #include "flowpath_files.h"
 
 #include <algorithm>
@@ -30,7 +31,7 @@ static std::string_view row_number(const segment_fp_t *segment) {
 }
 
 static int32_t start_second(const segment_fp_t *segment, const char *start_time) {
-  const auto ms = static_cast<int32_t>(start_time ? strtol(start_time, nullptr, 10) : 0);
+  const auto ms = static_cast<int32_t>(start_time ? tqp_read_number(start_time) : 0);
   return static_cast<int32_t>(segment->begin_ts + static_cast<uint64_t>(int64_t{ms / 1000}));
 }
 

@@ -47,6 +47,19 @@ void tqp_own_path(const char *path) {
     return; // files keep the owner they have
 }
 
+wllb_file tqp_open_plain_file(const std::string &path, const char *mode) {
+  return wllb_file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), mode) : nullptr);
+}
+
+bool tqp_write_data_file(const char *path, std::string_view text) {
+  FILE *file = my_fopen(path, "w");
+  if (!file)
+    return false;
+  tqp_own_path(path);
+  const bool written = fwrite(text.data(), 1, text.size(), file) == text.size();
+  return fclose(file) == 0 && written;
+}
+
 FILE *tqp_make_data_file_as(const char *path, const char *mode, bool keep_open) {
   FILE *made = my_fopen(path, mode);
   if (!made)

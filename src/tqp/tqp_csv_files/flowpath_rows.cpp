@@ -118,7 +118,7 @@ static void empty_blob(segment_fp_t *segment) {
     return;
   wllb_text_free(segment->seq_blob, "Segment Sequence Blob");
   wllb_text_free(segment->signstr, "Segment Signature");
-  method_call_stack_free(segment->method_call_stack);
+  method_call_stack_free(segment);
 }
 
 // Stores a segment that has arrived; one beside the main segment is gone afterwards. False without a blob file.

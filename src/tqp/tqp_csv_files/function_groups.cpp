@@ -66,32 +66,22 @@ std::string remove_duplicate_fn_grps(const char *path) {
 
 // Never through a link: the directory is everybody's.
 static bool overwrite_plain_file(const char *path, std::string_view text) {
-  const int fd = open(path, O_WRONLY | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0)
-    return false;
-  const bool whole = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  close(fd);
-  return whole;
+  const wllb_fd file(wllb_open_plain(path, O_WRONLY | O_TRUNC | O_NOFOLLOW));
+  return file.fd >= 0 && wllb_write_all(file.fd, text);
 }
 
 // The distinct lines of `text` that are not empty, largest first, each with a newline.
 static std::string sorted_lines(std::string_view text) {
   std::set<std::string_view, std::greater<>> lines;
   while (!text.empty()) {
-    const std::string_view line = text.substr(0, text.find('\n'));
+    const std::string_view line = wllb_take_piece(&text, '\n');
     if (!line.empty())
       lines.insert(line);
-    text.remove_prefix(std::min(line.size() + 1, text.size()));
   }
   std::string sorted;
   for (const std::string_view line : lines)
     sorted.append(line).append("\n");
   return sorted;
-}
-
-static bool write_whole_file(const char *path, std::string_view text) {
-  wllb_file file(my_fopen(path, "w"));
-  return file && fwrite(text.data(), 1, text.size(), file.get()) == text.size() && fflush(file.get()) == 0;
 }
 
 void create_fn_grp_table() {
@@ -104,10 +94,9 @@ void create_fn_grp_table() {
   const std::string groups = S_ISREG(found.st_mode) ? remove_duplicate_fn_grps(given) : "";
   if (groups.empty() || !overwrite_plain_file(given, groups + "\n"))
     wllb_trace(1, "Error", "Could not remove duplicate function groups of file '%s'", given);
-  if (!write_whole_file(csv.c_str(), sorted_lines(groups)))
+  if (!tqp_write_data_file(csv.c_str(), sorted_lines(groups)))
     wllb_trace(1, "Error", "ERROR executing command: %s",
                wllb_format("cat %s |sort -ur |sed '/^$/d' > %s; ", given, csv.c_str()).c_str());
-  tqp_own_path(csv.c_str());
   if (unlink(given) != 0 && errno != ENOENT)
     wllb_trace(1, "Error", "ERROR executing command: %s", wllb_format("rm -f %s", given).c_str());
 }

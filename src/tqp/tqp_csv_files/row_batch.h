@@ -20,7 +20,7 @@ struct tqp_row_batch {
   FILE *file;        // null: closed, and then no row may be put
   bool used = false; // a row was put
   wllb_text rows;    // lies in `room`
-  char room[8192];
+  char room[32768];
 
   explicit tqp_row_batch(FILE *stream) : file(stream), rows{room, 0, sizeof room} {}
 

@@ -13,6 +13,12 @@
 // Null on failure, which is traced unless the path holds ".recovery". Descriptors are close-on-exec.
 FILE *my_fopen(const char *path, const char *mode);
 
+// The same for a file that has to be there already, and a plain one; null for anything else in its place.
+wllb_file tqp_open_plain_file(const std::string &path, const char *mode);
+
+// Replaces a file's content; the file gets its owner. True when all of it is written.
+bool tqp_write_data_file(const char *path, std::string_view text);
+
 // Gives a path to ownerid and grpid; a failure is ignored.
 void tqp_own_path(const char *path);
 

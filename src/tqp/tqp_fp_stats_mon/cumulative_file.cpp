@@ -93,9 +93,6 @@ void tqp_put_totals_not_asked_for(std::string *totals, bool may_be_asked_for) {
 void tqp_write_cumulative_file(const std::string &totals) {
   const std::string path = cumulative_file_path();
   mkdir_ex(path.c_str());
-  const wllb_file file(my_fopen(path.c_str(), "w+"));
-  if (file)
-    tqp_own_path(path.c_str());
-  if (!file || fwrite(totals.data(), 1, totals.size(), file.get()) < totals.size() || fflush(file.get()) != 0)
+  if (!tqp_write_data_file(path.c_str(), totals))
     wllb_trace(1, "Error", "Unable to write data in fp_stat_cummulative_count file.");
 }

@@ -141,8 +141,7 @@ static void serve_until_over(int fd) {
 
 void *tqp_tqc_comm(void *) {
   epoll_fd = tqp_epoll_init(1);
-  if (tqp_stop_fd() >= 0)
-    tqp_add_select(epoll_fd, tqp_stop_fd(), EPOLLIN);
+  tqp_watch_stop(epoll_fd);
   const int fd = connect_to_tqc();
   if (fd >= 0 && announce(fd))
     serve_until_over(fd);

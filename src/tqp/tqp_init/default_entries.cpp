@@ -1,6 +1,8 @@
 // The "unknown" entries: id 0 of each norm table, so that a number that nobody knows can still be loaded.
+//   In      the tables as they were made or rebuilt
 //   Out     entries of the tables; metadata rows for those that are new (after a rebuild none is)
 //   Thread  whoever starts the first instance; once in a process
+//   Failure a row that cannot be written is traced by its writer
 
 #include "tqp_csv_files.h"
 #include "tqp_init.h"

@@ -8,6 +8,7 @@
 
 #include "tqp_csv_files.h"
 #include "tqp_init.h"
+#include "tqp_stat_mon.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -181,6 +182,7 @@ void tqp_release_instance(tqp_instance_t *inst) {
   wllb_trace_self = {};
   const int jvmid = inst->jvmid;
   wllb_hold hold(tqp_imap_lock);
+  tqp_forget_dump_requests(inst);
   tqp_free_instance_names(inst);
   const wllb_mp_slot linkage = inst->slot;
   inst->~tqp_instance_t();

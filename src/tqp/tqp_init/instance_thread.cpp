@@ -48,10 +48,9 @@ char *get_tier_server_app_with_display_name(const tqp_instance_t *inst, char *ds
 void tqp_set_debug_level_on_instance() {
   if (!wllb_path_exists(outside_paths.trace_level_conf.c_str()))
     return;
-  std::string text = wllb_read_small_file(outside_paths.trace_level_conf.c_str());
+  const std::string text = wllb_read_small_file(outside_paths.trace_level_conf.c_str());
   const uint32_t mask = trkey->log_level;
   int line_number = 0;
-  size_t begin = 0;
   const auto set_where = [&](const auto &wanted) {
     bool found = false;
     tqp_for_each_instance([&](tqp_instance_t *inst) {
@@ -63,10 +62,8 @@ void tqp_set_debug_level_on_instance() {
     });
     return found;
   };
-  while (begin < text.size()) {
-    const size_t end = std::min(text.find('\n', begin), text.size());
-    const std::string name = text.substr(begin, end - begin);
-    begin = end + 1;
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::string name(wllb_take_piece(&rest, '\n'));
     if (name.empty() || strchr("# \t", name[0]) || ++line_number == 1)
       continue;
     if (!set_where([&](const tqp_instance_t *inst) { return name == inst->tier_server_app_name; }))
@@ -91,15 +88,11 @@ static void block_process_signals() {
 static bool is_removal_job_of(const std::string &job, const char *name) {
   // at(1) shows the environment first, then the command; one line follows it.
   const std::string text = wllb_run_program({"at", "-c", job}).output;
-  std::vector<std::string> lines;
-  for (size_t begin = 0; begin < text.size();) {
-    const size_t end = std::min(text.find('\n', begin), text.size());
-    lines.push_back(text.substr(begin, end - begin));
-    begin = end + 1;
+  std::string_view command, last;
+  for (std::string_view rest = text; !rest.empty();) {
+    command = last;
+    last = wllb_take_piece(&rest, '\n');
   }
-  if (lines.size() < 2)
-    return false;
-  const std::string &command = lines[lines.size() - 2];
   const size_t path = command.find("tq/recovery");
   const size_t at = path == std::string::npos ? path : command.find(std::string("/") + name, path);
   if (at == std::string::npos)
@@ -138,23 +131,23 @@ static void take_partition(tqp_instance_t *inst, int64_t partition) {
     inst->test_run_swtch_flag = 0;
   }
   snprintf(inst->partition_name, sizeof inst->partition_name, "%lld", static_cast<long long>(partition));
-  inst->partition_idx = partition;
+  // Its number stays 0 until the instance is placed: others who leave a partition must not take it for one ahead of them.
 }
 
 static time_t begin_of_partition(const char *partition) {
   return wllb_get_vexepoch_time_from_partition(partition, g_vex_epoc_diff, -1, base_dir.c_str());
 }
 
-// After the partition to go on in is known: its number, its begin, and those of the one before it.
+// After the partition to go on in is known: those before it, its begin, and at last its number, which others look at.
 static void place_instance(tqp_instance_t *inst) {
-  inst->partition_idx = atoll(inst->partition_name);
   inst->partition_begintime = begin_of_partition(inst->partition_name);
   int64_t prev = 0;
-  if (wllb_get_prev_partition(base_dir.c_str(), inst->partition_name, &prev) != 0)
-    return;
-  snprintf(inst->prev_partition_name, sizeof inst->prev_partition_name, "%lld", static_cast<long long>(prev));
-  inst->prev_partition_idx = prev;
-  inst->prev_partition_begintime = begin_of_partition(inst->prev_partition_name);
+  if (wllb_get_prev_partition(base_dir.c_str(), inst->partition_name, &prev) == 0) {
+    snprintf(inst->prev_partition_name, sizeof inst->prev_partition_name, "%lld", static_cast<long long>(prev));
+    inst->prev_partition_idx = prev;
+    inst->prev_partition_begintime = begin_of_partition(inst->prev_partition_name);
+  }
+  tqp_take_place(inst, atoll(inst->partition_name));
 }
 
 static void make_files(tqp_instance_t *inst) {

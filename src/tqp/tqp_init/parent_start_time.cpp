@@ -13,25 +13,15 @@
 
 // Field 3 of a line; a line without a separator counts whole, a missing field is empty.
 static std::string_view third_field(std::string_view line) {
-  if (line.find('|') == std::string_view::npos)
-    return line;
-  for (int skip = 0; skip < 2; ++skip) {
-    const size_t bar = line.find('|');
-    if (bar == std::string_view::npos)
-      return {};
-    line.remove_prefix(bar + 1);
-  }
-  return line.substr(0, line.find('|'));
+  const std::vector<std::string_view> fields = wllb_split(line, '|');
+  return fields.size() == 1 ? line : fields.size() == 2 ? std::string_view() : fields[2];
 }
 
 // The third fields of all lines, one a line, without the newlines at the end.
 static std::string date_text(std::string_view file) {
   std::string text;
-  while (!file.empty()) {
-    const std::string_view line = file.substr(0, file.find('\n'));
-    text.append(third_field(line)).push_back('\n');
-    file.remove_prefix(std::min(file.size(), line.size() + 1));
-  }
+  while (!file.empty())
+    text.append(third_field(wllb_take_piece(&file, '\n'))).push_back('\n');
   while (text.ends_with('\n'))
     text.pop_back();
   return text;

@@ -2,6 +2,7 @@
 //   In      the keyword values; the metadata files of the run before, when resuming
 //   Out     norm tables, opened common files, fixed keyword values
 //   Thread  main, before instance threads run and after they have left
+//   Failure of files, traced where they are opened and read; the start goes on
 
 #include "tqp_init.h"
 

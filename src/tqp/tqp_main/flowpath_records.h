@@ -26,6 +26,11 @@ inline int chk_fp_is_wl_initiated_tx(int64_t fpi) {
   return (static_cast<uint64_t>(fpi) >> fpi_not_wl_initiated_bit & 1) == 0;
 }
 
+// A text that waits in its segment's side_texts: places of its first and last piece; 0: it is empty.
+struct side_text_t {
+  size_t first, last;
+};
+
 // One row of a segment's call stack. Classic form: an open method. Exit form: the entry or the exit row of a finished one.
 struct method_call_stack_t {
   int64_t children_time;     // classic: sum of finished children, ms; exit row: the method's end
@@ -34,17 +39,17 @@ struct method_call_stack_t {
   int64_t sync_children_time;
   int64_t io_children_time;
   int64_t suspension_children_time;
-  int64_t time_stamp;      // entry time, ms since begin_ts
-  int64_t thread_id;       // 0: none given; exit form: on the entry row only
-  int32_t method_id;       // norm id
-  int32_t page_id;         // norm id, 0: none
-  int32_t seq_num;         // classic: the segment's at entry; exit form: start on the entry row, end on the exit row
-  int32_t deleted;         // classic: 1 closed, but still under open rows
-  int8_t async_call;       // exit form, entry row only
-  int8_t entry_exit;       // exit form: 0 entry row, 1 exit row
-  int8_t custom_data_flag; // exit form, both rows
-  wllb_text callout_info;  // exit form: rewritten callouts behind this row, each with a leading '_'
-  wllb_text uninstr_mtd;   // exit form: methods without instrumentation behind this row, the same way
+  int64_t time_stamp;       // entry time, ms since begin_ts
+  int64_t thread_id;        // 0: none given; exit form: on the entry row only
+  int32_t method_id;        // norm id
+  int32_t page_id;          // norm id, 0: none
+  int32_t seq_num;          // classic: the segment's at entry; exit form: start on the entry row, end on the exit row
+  int32_t deleted;          // classic: 1 closed, but still under open rows
+  int8_t async_call;        // exit form, entry row only
+  int8_t entry_exit;        // exit form: 0 entry row, 1 exit row
+  int8_t custom_data_flag;  // exit form, both rows
+  side_text_t callout_info; // exit form: rewritten callouts behind this row, each with a leading '_'
+  side_text_t uninstr_mtd;  // exit form: methods without instrumentation behind this row, the same way
 };
 
 // Exit form: sums over the finished children of the open method at one depth (index depth - 1).
@@ -125,6 +130,8 @@ struct segment_fp_t {
   wllb_text seq_blob; // rewritten blob
   wllb_text signstr;  // signature source, only with tqp_generate_fp_signatures
   record_array<method_call_stack_t> method_call_stack;
+  wllb_text side_texts;                  // exit form: of the rows
+  int64_t side_pieces;                   // in there, that are still to be written
   record_array<children_time_t> ctarray; // `used` has no meaning: entries are reached by depth
   int64_t last_record_timestamp;         // ms since begin_ts, of the last method record
   uint64_t response_time;                // ms
@@ -220,11 +227,9 @@ template <class T> void record_array_free(record_array<T> &array, const char *la
   array = {};
 }
 
-// Frees a call stack with the texts of all its rows: rows above the top may hold some, too.
-inline void method_call_stack_free(record_array<method_call_stack_t> &stack) {
-  for (int32_t i = 0; i < stack.room; ++i) {
-    wllb_text_free(stack.data[i].callout_info, "callout_info");
-    wllb_text_free(stack.data[i].uninstr_mtd, "uninstr_mtd");
-  }
-  record_array_free(stack, "method_call_stack");
+// Frees a call stack with the texts of its rows.
+inline void method_call_stack_free(segment_fp_t *segment) {
+  wllb_text_free(segment->side_texts, "callout_info");
+  segment->side_pieces = 0;
+  record_array_free(segment->method_call_stack, "method_call_stack");
 }

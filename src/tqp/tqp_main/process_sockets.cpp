@@ -6,23 +6,22 @@
 
 #include "process_sockets.h"
 
+#include "process_wake.h"
 #include "tqp_main.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <unistd.h>
 
 // --- epoll -----------------------------------------------------------------------------------------------------------
 
-int tqp_epoll_init(int size) {
-  const int epfd = epoll_create(size);
+int tqp_epoll_init(int /*size*/) {
+  const int epfd = epoll_create1(EPOLL_CLOEXEC);
   if (epfd < 0) {
     wllb_trace(1, "Error", "tqp_epoll_init, epoll_create: err = %s", wllb_strerror(errno).c_str());
     wllb_exit(-1);
   }
-  fcntl(epfd, F_SETFD, FD_CLOEXEC);
   return epfd;
 }
 
@@ -50,6 +49,10 @@ int tqp_mod_select(int epfd, int fd, uint32_t events) {
 void tqp_remove_select(int epfd, int fd) {
   if (change_select(epfd, EPOLL_CTL_DEL, fd, 0) != 0)
     wllb_trace(1, "Error", "tqp_remove_select epoll mod: err = %s", wllb_strerror(errno).c_str());
+}
+
+bool tqp_watch_stop(int epfd) {
+  return tqp_stop_fd() >= 0 && tqp_add_select(epfd, tqp_stop_fd(), EPOLLIN) == 0;
 }
 
 // --- messages --------------------------------------------------------------------------------------------------------

@@ -6,8 +6,12 @@
 #include <string>
 #include <sys/epoll.h>
 
-// An epoll descriptor, close-on-exec, owned by the caller. Ends the process with -1 when there is none.
+// An epoll descriptor, close-on-exec, owned by the caller; `size` is a hint that the system no longer takes. Ends the
+// process with -1 when there is none.
 int tqp_epoll_init(int size);
+
+// Lets an epoll descriptor report the end of the process's run, too. False when it cannot.
+bool tqp_watch_stop(int epfd);
 
 // One change of what an epoll descriptor watches; events carry `fd` as data. 0, or -1, traced.
 int tqp_add_select(int epfd, int fd, uint32_t events);

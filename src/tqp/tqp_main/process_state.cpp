@@ -1,4 +1,8 @@
 // Owner of the process's state: every global with its initial value, and the one function that sets them all again.
+//   In      nothing
+//   Out     the globals of process_state.h
+//   Thread  main, before there are others; what others may touch later says so in the header
+//   Failure none
 
 #include "process_state.h"
 
@@ -47,6 +51,7 @@ int total_num_running_threads;
 wllb_mp_handler tqp_instance_pool;
 wllb_mutex check_and_create_partition_done_file_mutex;
 std::shared_ptr<FILE> tqpdone_fileptr_v2;
+std::set<int64_t> g_left_partitions;
 thread_local tqp_instance_t *tqp_instance_tptr;
 
 wllb_mutex tqp_mon_stat_info_mutex;
@@ -107,6 +112,7 @@ static void tables_and_files_init() WLLB_NO_THREAD_CHECK {
   tqp_imap.clear();
   total_instances = total_num_running_threads = 0;
   tqpdone_fileptr_v2.reset();
+  g_left_partitions.clear();
   tqp_instance_tptr = nullptr;
   tqp_mon_stat_info = {};
   key_tags = nullptr;

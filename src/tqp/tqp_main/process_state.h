@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,8 @@ extern wllb_mp_handler tqp_instance_pool; // made with its own lock
 extern wllb_mutex check_and_create_partition_done_file_mutex;
 extern std::shared_ptr<FILE>
     tqpdone_fileptr_v2 WLLB_GUARDED_BY(check_and_create_partition_done_file_mutex); // the newest done file
+extern std::set<int64_t> g_left_partitions
+    WLLB_GUARDED_BY(check_and_create_partition_done_file_mutex); // left by somebody, while others may be there yet
 
 // The running thread's instance; null on the main, control and monitor threads.
 extern thread_local tqp_instance_t *tqp_instance_tptr;

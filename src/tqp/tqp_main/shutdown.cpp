@@ -51,6 +51,7 @@ void tqp_shutdown(int epfd) {
   wllb_trace(1, "Info", "Test run stopped, joining threads");
   tqp_wait_for_instance_threads();
   tqp_join_service_threads();
+  tqp_wait_for_instance_threads(); // the control thread may have started one meanwhile
   end_with_upload_child();
   tq_close();
   tqp_free_registry();

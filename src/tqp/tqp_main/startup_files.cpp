@@ -22,7 +22,7 @@
 #include <unistd.h>
 
 void tqp_apply_outside_root() {
-  const char *root = getenv("TQP_OUTSIDE_ROOT");
+  const char *root = getenv("TQP_OUTSIDE_ROOT"); // NOLINT(concurrency-mt-unsafe): there is one thread
   if (root)
     for (std::string *path :
          {&outside_paths.machine_conf_dir, &outside_paths.cgroup_dir, &outside_paths.function_group_file,
@@ -83,20 +83,6 @@ void read_owner_group() {
 
 // --- words of the machine and of the scenario ------------------------------------------------------------------------
 
-// Calls `take` with each line of a stream, its newline cut off, until it gives false.
-template <class take_line> static void for_each_line(FILE *stream, take_line take) {
-  char *line = nullptr;
-  size_t room = 0;
-  for (ssize_t len; (len = getline(&line, &room, stream)) >= 0;) {
-    std::string_view text(line, static_cast<size_t>(len));
-    if (text.ends_with('\n'))
-      text.remove_suffix(1);
-    if (!take(text))
-      break;
-  }
-  free(line);
-}
-
 static std::string nth_word(std::string_view line, size_t n) {
   const std::vector<std::string> words = wllb_words(line, n);
   return words.size() < n ? std::string() : words[n - 1];
@@ -117,10 +103,11 @@ void get_machine_config(std::string *mode) {
   const wllb_file conf = open_machine_config();
   if (!conf)
     return;
-  for_each_line(conf.get(), [mode](std::string_view line) {
-    if (!line.starts_with("CONFIG"))
+  wllb_for_each_line(conf.get(), [mode](const char *line, size_t length) {
+    const std::string_view text(line, length);
+    if (!text.starts_with("CONFIG"))
       return true;
-    *mode = nth_word(line, 2);
+    *mode = nth_word(text, 2);
     return false;
   });
 }
@@ -134,8 +121,8 @@ static bool last_scenario_line(const char *beginning, std::string *found) {
   const wllb_file scenario(fopen(path.c_str(), "re"));
   if (!scenario)
     return false;
-  for_each_line(scenario.get(), [&](std::string_view line) {
-    if (line.size() >= strlen(beginning) && strncasecmp(line.data(), beginning, strlen(beginning)) == 0)
+  wllb_for_each_line(scenario.get(), [&](const char *line, size_t) {
+    if (strncasecmp(line, beginning, strlen(beginning)) == 0)
       *found = line;
     return true;
   });
@@ -231,8 +218,7 @@ static std::string newest_directory(const char *path) {
 
 std::string tqp_find_keyword_file() {
   const std::string profile = newest_directory(test_run_path("tq/conf/tqprof/").c_str());
-  const std::string path =
-      wllb_format("%s/logs/TR%d/tq/conf/tqprof/%s/TQKeywords.conf", wl_wdir, testidx, profile.c_str());
+  std::string path = wllb_format("%s/logs/TR%d/tq/conf/tqprof/%s/TQKeywords.conf", wl_wdir, testidx, profile.c_str());
   if (wllb_path_exists(path.c_str()))
     return path;
   return wllb_format("%s/logs/TR%d/tq/conf/tqprof/%s/tq.conf", wl_wdir, testidx, profile.c_str());
@@ -267,8 +253,8 @@ void tqp_add_pid_to_cgroup() {
 
 bool tqp_test_is_active() {
   const wllb_run_result status = wllb_run_program({"wlu_show_workloom", "-n", wllb_format("%d", testidx)});
-  const std::string_view first_line = std::string_view(status.output).substr(0, status.output.find('\n'));
-  return first_line.find("Active") != std::string_view::npos;
+  std::string_view output = status.output;
+  return wllb_take_piece(&output, '\n').find("Active") != std::string_view::npos;
 }
 
 // The kernel keeps a priority for each thread; new threads take their maker's.

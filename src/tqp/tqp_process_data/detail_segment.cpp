@@ -4,21 +4,31 @@
 
 #include "tqp_async_handling.h"
 
+void tqp_detail_error(const tqp_instance_t *inst, const char *fmt, ...) {
+  if (!wllb_trace_on(1))
+    return;
+  va_list args;
+  va_start(args, fmt);
+  const std::string words = wllb_vformat(fmt, args);
+  va_end(args);
+  wllb_trace(1, "Error", "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; %s",
+             inst->tier_server_app_name, static_cast<long long>(inst->sum_rep_counters[SUM_REP_CNT_RAW_DATA_LINES]),
+             words.c_str());
+}
+
 static bool tell_no_flowpath(const tqp_instance_t *inst, const fpi_tuple &tuple) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Current http response headers info event received for non existing FlowPath Instance main_fpi = %lld; self_fpi = %lld.",
-      inst->tier_server_app_name, tqp_detail_line(inst), static_cast<long long>(tuple.main_fpi),
-      static_cast<long long>(tuple.self_fpi));
+  tqp_detail_error(
+      inst,
+      "Current http response headers info event received for non existing FlowPath Instance main_fpi = %lld; self_fpi = %lld.",
+      static_cast<long long>(tuple.main_fpi), static_cast<long long>(tuple.self_fpi));
   return false;
 }
 
 static bool tell_no_segment_entry(const tqp_instance_t *inst, const fpi_tuple &tuple) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Current http response headers info event received for non existing FlowPath Instance main_fpi = %lld; self_fpi = %lld. And could not create segment entry in seg_arr[]",
-      inst->tier_server_app_name, tqp_detail_line(inst), static_cast<long long>(tuple.main_fpi),
-      static_cast<long long>(tuple.self_fpi));
+  tqp_detail_error(
+      inst,
+      "Current http response headers info event received for non existing FlowPath Instance main_fpi = %lld; self_fpi = %lld. And could not create segment entry in seg_arr[]",
+      static_cast<long long>(tuple.main_fpi), static_cast<long long>(tuple.self_fpi));
   return false;
 }
 

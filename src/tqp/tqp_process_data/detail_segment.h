@@ -19,7 +19,5 @@ bool tqp_place_detail(tqp_instance_t *inst, char *tuple_text, detail_place *plac
 // The segment in its slot; a null segment when it is gone.
 segment_place tqp_segment_of_detail(tqp_instance_t *inst, const detail_place &place);
 
-// The line number for messages.
-inline long long tqp_detail_line(const tqp_instance_t *inst) {
-  return static_cast<long long>(inst->sum_rep_counters[SUM_REP_CNT_RAW_DATA_LINES]);
-}
+// Traces words about the record at hand, with the instance and the line's number before them.
+void tqp_detail_error(const tqp_instance_t *inst, const char *fmt, ...) WLLB_PRINTF(2, 3);

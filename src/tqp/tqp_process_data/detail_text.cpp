@@ -32,18 +32,12 @@ static const char *header_text(const tqp_instance_t *inst, int local_id, const c
 }
 
 static bool tell_unknown_value(const tqp_instance_t *inst, int value_id) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Header discovery record (6) missingfor HEADER VALUE ID %d",
-      inst->tier_server_app_name, tqp_detail_line(inst), value_id);
+  tqp_detail_error(inst, "Header discovery record (6) missingfor HEADER VALUE ID %d", value_id);
   return false;
 }
 
 static bool tell_unknown_name(const tqp_instance_t *inst, int name_id) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Header discovery record (6) missingfor HEADER ID %d",
-      inst->tier_server_app_name, tqp_detail_line(inst), name_id);
+  tqp_detail_error(inst, "Header discovery record (6) missingfor HEADER ID %d", name_id);
   return false;
 }
 

@@ -9,9 +9,9 @@
 #include "discovery_records.h"
 
 #include "event_table.h"
+#include "local_maps.h"
 #include "record_errors.h"
 #include "tqp_csv_files.h"
-#include "tqp_recovery.h"
 
 #include <array>
 #include <cstring>

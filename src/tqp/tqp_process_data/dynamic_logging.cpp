@@ -46,6 +46,8 @@ static void put_reference(const tqp_instance_t *inst, int64_t offset, size_t len
 static void store_text(tqp_instance_t *inst, std::string_view text, wllb_text &references, const char *label) {
   if (!inst->sqb_fp)
     open_sqb_file(inst); // the offset is known only then
+  if (!inst->sqb_fp)
+    return; // a place noted now would be another text's in the file that opens later
   const int64_t offset = inst->sqbfile_offset;
   const size_t length = tqp_compress_for_sqb(inst, text);
   if (length == 0)
@@ -135,7 +137,7 @@ void tq_run_dynamic_logging(tq_event &ev) {
 static void tell_incomplete_body(tqp_instance_t *inst) {
   wllb_trace(1, "Critical",
              "Error in Raw Data, App Instance: %s, Raw data file line # %lld; Found incomplete record, skipping.",
-             inst->tier_server_app_name, tqp_detail_line(inst));
+             inst->tier_server_app_name, static_cast<long long>(inst->sum_rep_counters[SUM_REP_CNT_RAW_DATA_LINES]));
   tqp_count_invalid_record(inst);
 }
 

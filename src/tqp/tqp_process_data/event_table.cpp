@@ -2,6 +2,7 @@
 //   In      framed records of the line cutter, of recovery files and of agents' replies
 //   Out     what the handlers do; a count per kind of record, taken before the record is read
 //   Thread  the instance's
+//   Failure an id without a row is skipped
 
 #include "event_table.h"
 

@@ -8,9 +8,9 @@
 
 #include "event_table.h"
 #include "flowpath_files.h"
+#include "local_maps.h"
 #include "metadata_request.h"
 #include "record_errors.h"
-#include "tqp_recovery.h"
 
 #include <cstring>
 

@@ -40,9 +40,11 @@ void parse_fpi_tuple(char **p_text, int64_t *a, int64_t *b, int64_t *c, int64_t 
     return;
   *p_text = nullptr;
   for (int64_t *target : {a, b, c, d}) {
+    const char *stop;
+    const int64_t number = tqp_read_number(text, &stop);
     if (target)
-      *target = strtoll(text, nullptr, 10);
-    text = strchr(text, ':');
+      *target = number;
+    text = strchr(stop, ':');
     if (!text)
       return;
     ++text;

@@ -8,6 +8,31 @@
 #include <cstdint>
 #include <cstdlib>
 
+inline bool tqp_is_digit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+// As many digits as 64 bits without sign always hold.
+constexpr int most_plain_digits = 19;
+
+// The number at the start of a text, as strtoll reads it; *stop is where the plain digits end. Nearly every number is a
+// few digits and nothing else: hence no call for those.
+inline int64_t tqp_read_number(const char *text, const char **stop) {
+  uint64_t value = 0;
+  const char *at = text;
+  for (; tqp_is_digit(*at); ++at)
+    value = value * 10 + static_cast<unsigned char>(*at - '0');
+  *stop = at;
+  if (at - text > most_plain_digits || value > INT64_MAX || (at == text && *at != 0))
+    return strtoll(text, nullptr, 10);
+  return static_cast<int64_t>(value);
+}
+
+inline int64_t tqp_read_number(const char *text) {
+  const char *stop;
+  return tqp_read_number(text, &stop);
+}
+
 // 0: a separator stood before the end, more may follow; -1: this field was the last. *out is valid in both cases.
 int read_next_field(char **out, char **p_cursor, char *end_of_record, char separator);
 
@@ -31,5 +56,5 @@ struct tqp_fields {
     return cut_next_field(&pos, end, separator, &ended);
   }
 
-  int64_t next_number() { return strtoll(next(), nullptr, 10); }
+  int64_t next_number() { return tqp_read_number(next()); }
 };

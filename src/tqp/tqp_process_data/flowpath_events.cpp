@@ -2,6 +2,7 @@
 //   In      events 2, 3, 4, 43, 44, 80, 82, 83, 84
 //   Out     the flowpath engine's work
 //   Thread  the instance's
+//   Failure told by the engine; the next record is read
 
 #include "event_table.h"
 #include "record_errors.h"

@@ -5,9 +5,9 @@
 //   Failure a bad identity record sets get_tsa_id, which gives up the block
 
 #include "event_table.h"
+#include "state_save.h"
 #include "tqp_csv_files.h"
 #include "tqp_process_data.h"
-#include "tqp_recovery.h"
 #include "tqp_run_time_v2.h"
 
 #include <cstring>
@@ -113,7 +113,7 @@ void write_fpg_version_in_file(tqp_instance_t *inst) {
 
 void set_fpg_version_from_file(tqp_instance_t *inst) {
   const std::string path = fpg_version_path(inst);
-  const wllb_file file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), "r") : nullptr);
+  const wllb_file file = tqp_open_plain_file(path, "r");
   if (!file) {
     wllb_trace(1, "Error", "Not able to open file[%s],Error [%s],errno= [%d],tqp_instance_tptr->fpg_version [%f]",
                path.c_str(), wllb_strerror(errno).c_str(), errno, static_cast<double>(inst->fpg_version));

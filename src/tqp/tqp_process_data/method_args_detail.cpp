@@ -15,31 +15,22 @@
 constexpr int most_items = 1024;
 
 static void tell_field_count(const tqp_instance_t *inst, int count) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Current custom data or method args record Does not have expected number of fields. It has %d fields, expected 2 fields.",
-      inst->tier_server_app_name, tqp_detail_line(inst), count);
+  tqp_detail_error(
+      inst,
+      "Current custom data or method args record Does not have expected number of fields. It has %d fields, expected 2 fields.",
+      count);
 }
 
 static void tell_malformed(const tqp_instance_t *inst) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Current custom data or method args record is malformed.",
-      inst->tier_server_app_name, tqp_detail_line(inst));
+  tqp_detail_error(inst, "Current custom data or method args record is malformed.");
 }
 
 static void tell_malformed_args(const tqp_instance_t *inst) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Current mthod args capture record is malformed.",
-      inst->tier_server_app_name, tqp_detail_line(inst));
+  tqp_detail_error(inst, "Current mthod args capture record is malformed.");
 }
 
 static void tell_malformed_arg(const tqp_instance_t *inst) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Current mthod arg capture record is malformed.",
-      inst->tier_server_app_name, tqp_detail_line(inst));
+  tqp_detail_error(inst, "Current mthod arg capture record is malformed.");
 }
 
 // A record whose items are being taken.

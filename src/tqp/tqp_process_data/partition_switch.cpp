@@ -121,18 +121,37 @@ void tqp_create_partition_done_file(int64_t partition) {
       other->prev_tqpdone_fileptr_v2 = stream;
   });
   g_process_done_partition = partition;
+  g_left_partitions.erase(partition);
   wllb_hold hold(tqp_mon_stat_info_mutex);
   --tqp_mon_stat_info.process_done_lag_count;
 }
 
+static bool is_read_by_others(int64_t partition, const tqp_instance_t *inst) {
+  bool in_use = false;
+  tqp_for_each_instance(
+      [&](const tqp_instance_t *other) { in_use = in_use || (other != inst && other->partition_idx <= partition); });
+  return in_use;
+}
+
+static void finish_left_partitions(const tqp_instance_t *inst)
+    WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
+  while (!g_left_partitions.empty() && !is_read_by_others(*g_left_partitions.begin(), inst))
+    tqp_create_partition_done_file(*g_left_partitions.begin());
+}
+
 void check_and_create_partition_done_file(tqp_instance_t *inst, int64_t left_partition) {
   wllb_hold hold(check_and_create_partition_done_file_mutex);
-  bool in_use = false;
-  tqp_for_each_instance([&](const tqp_instance_t *other) {
-    in_use = in_use || (other != inst && other->partition_idx <= left_partition);
-  });
-  if (!in_use)
-    tqp_create_partition_done_file(left_partition);
+  if (tqpdone_fileptr_v2 && g_process_done_partition == left_partition)
+    return; // another one left it at the same time, saw nobody behind, and was here first
+  g_left_partitions.insert(left_partition);
+  finish_left_partitions(inst);
+}
+
+void tqp_take_place(tqp_instance_t *inst, int64_t partition) {
+  wllb_hold hold(check_and_create_partition_done_file_mutex);
+  inst->partition_idx = partition;
+  if (wl_status == WL_RUNNING)
+    finish_left_partitions(inst);
 }
 
 int get_partion_number_to_start_with(std::string this_partition, std::string *out) {

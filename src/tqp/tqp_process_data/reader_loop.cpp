@@ -11,7 +11,6 @@
 #include "tqp_csv_files.h"
 #include "tqp_init.h"
 #include "tqp_process_data.h"
-#include "tqp_recovery.h"
 #include "tqp_run_time_v2.h"
 #include "tqp_stat_mon.h"
 
@@ -225,6 +224,12 @@ static void read_to_end_of_file(reader_t &r) {
 
 // --- the end of a round ------------------------------------------------------------------------------------------
 
+// What a switch does to the maps is seen by comparing.
+static void dump_maps_when_tracing(const tqp_instance_t *inst) {
+  if (wllb_trace_on(2))
+    tqp_dump_maps_now(inst);
+}
+
 // Moves on by as many partitions as are pending, until one has the instance's file.
 static void switch_partitions(reader_t &r) {
   tqp_instance_t *inst = r.inst;
@@ -234,6 +239,7 @@ static void switch_partitions(reader_t &r) {
   int switch_result;
   do {
     const int64_t left = inst->partition_idx;
+    dump_maps_when_tracing(inst);
     switch_result = switch_to_next_partition(inst, &r.raw_fp, &r.filepath);
     if (r.raw_fp && resume_flag && !tqp_is_offline())
       check_offset_file_and_seek_raw_file(inst, r.raw_fp);
@@ -247,6 +253,7 @@ static void switch_partitions(reader_t &r) {
       create_csv_files(inst, 0);
     if (inst->partition_idx > left) // a switch too many leaves the instance where it is
       check_and_create_partition_done_file(inst, left);
+    dump_maps_when_tracing(inst);
   } while (switch_result == 0 && inst->test_run_swtch_flag != 0);
   if (switch_result == 0)
     r.carried = 0; // else a fragment left at the old file's end joins the new one's first bytes
@@ -350,6 +357,7 @@ static void leave(reader_t &r) {
   tqp_free_flowpath_store(inst); // before its pools go
   wllb_mp_destroy(&inst->tqp_flowpath_seg_pool);
   wllb_mp_destroy(&inst->tqp_flowpath_pending_seg_pool);
+  tqp_take_place(inst, nowhere_to_read);
   tqp_release_instance(inst);
 }
 

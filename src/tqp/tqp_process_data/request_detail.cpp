@@ -14,18 +14,15 @@
 constexpr int most_items = 1024;
 
 static bool tell_field_count(const tq_event &ev, int count) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Current http request or response capture record Does not have expected number of fields. It has %d fields, expected %d fields.",
-      ev.inst->tier_server_app_name, tqp_detail_line(ev.inst), count, ev.id == TQ_EV_HTTP_HEADER_REQ ? 2 : 3);
+  tqp_detail_error(
+      ev.inst,
+      "Current http request or response capture record Does not have expected number of fields. It has %d fields, expected %d fields.",
+      count, ev.id == TQ_EV_HTTP_HEADER_REQ ? 2 : 3);
   return false;
 }
 
 static void tell_malformed(const tqp_instance_t *inst) {
-  wllb_trace(
-      1, "Error",
-      "Error in Raw Data, for App Instance: %s, Raw data Line # %lld; Current http request or response capture record is malformed.",
-      inst->tier_server_app_name, tqp_detail_line(inst));
+  tqp_detail_error(inst, "Current http request or response capture record is malformed.");
 }
 
 struct detail_fields {

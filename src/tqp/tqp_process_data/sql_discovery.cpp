@@ -6,9 +6,9 @@
 //   Failure a record of the wrong shape is told and dropped. A local id that is in the map keeps what it has
 
 #include "event_table.h"
+#include "local_maps.h"
 #include "record_errors.h"
 #include "tqp_csv_files.h"
-#include "tqp_recovery.h"
 
 #include <cstring>
 

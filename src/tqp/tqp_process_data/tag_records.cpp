@@ -2,6 +2,7 @@
 //   In      91,backend,source tier,destination tier    110,{...}    111,{...}    112,5,{...}
 //   Out     what tqp_tags makes of them
 //   Thread  the instance's
+//   Failure told by tqp_tags
 #include "event_table.h"
 #include "tqp_tags.h"
 

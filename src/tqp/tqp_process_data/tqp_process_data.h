@@ -54,6 +54,11 @@ int switch_to_next_partition(tqp_instance_t *inst, FILE **raw_fp, std::string *f
 // After a switch: makes the done file of the partition just left, if no other instance still reads it.
 void check_and_create_partition_done_file(tqp_instance_t *inst, int64_t left_partition);
 
+// Where an instance reads from now on, without a switch; nowhere_to_read when it leaves for good. It may have been the
+// last in the way of partitions that others have left: they are finished here.
+void tqp_take_place(tqp_instance_t *inst, int64_t partition);
+constexpr int64_t nowhere_to_read = INT64_MAX;
+
 // Makes a partition's done file, keeps it open for late rows, tells the instances. The caller holds the mutex.
 void tqp_create_partition_done_file(int64_t partition) WLLB_REQUIRES(check_and_create_partition_done_file_mutex);
 

@@ -61,19 +61,17 @@ static void take_text(tqp_instance_t *inst, char *line, size_t len) {
 void read_and_process_raw_data_recovery(tqp_instance_t *inst) {
   const std::string path = texts_path(inst);
   errno = 0;
-  const wllb_file file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), "r") : nullptr);
+  const wllb_file file = tqp_open_plain_file(path, "r");
   if (!file)
     return trace_not_opened(path);
-  char *line = nullptr;
-  size_t room = 0;
-  for (ssize_t got; (got = getline(&line, &room, file.get())) > 0;) {
-    const auto len = static_cast<size_t>(got) - 1;
+  wllb_for_each_line(file.get(), [&](char *line, size_t length) {
+    const size_t len = length - 1;
     const bool whole = line[len] == '\n' && len < longest_line && strlen(line) > len;
     line[len] = 0;
     if (whole)
       take_text(inst, line, len);
     else
-      wllb_trace(1, "Warning", "Recovery file %s is damaged: a line of %zu bytes is not whole", path.c_str(), len + 1);
-  }
-  free(line);
+      wllb_trace(1, "Warning", "Recovery file %s is damaged: a line of %zu bytes is not whole", path.c_str(), length);
+    return true;
+  });
 }

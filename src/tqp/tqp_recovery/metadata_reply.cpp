@@ -171,6 +171,8 @@ template <class Take> static void take_lines(wllb_text *partial, std::string_vie
     if (!take(line, end))
       break;
   }
+  if (begin == 0) // a line that grows for long is not moved with each piece
+    return;
   partial->len -= begin;
   memmove(partial->data, partial->data + begin, partial->len + 1);
 }

@@ -67,10 +67,6 @@ static bool may_ask(const tqp_instance_t *inst) {
 
 // --- the exchange --------------------------------------------------------------------------------------------------------
 
-static void watch_stop(tqp_exchange *x) {
-  x->watches_stop = tqp_stop_fd() >= 0 && tqp_add_select(x->epfd, tqp_stop_fd(), EPOLLIN) == 0;
-}
-
 // The stop descriptor stays readable once the test is over; from then on the state is looked at from time to time.
 static void forget_stop(tqp_exchange *x) {
   tqp_remove_select(x->epfd, tqp_stop_fd());
@@ -114,7 +110,7 @@ static bool begin_exchange(tqp_exchange *x, int limit_ms) {
   if (x->fd < 0)
     return false;
   x->epfd = tqp_epoll_init(1);
-  watch_stop(x);
+  x->watches_stop = tqp_watch_stop(x->epfd);
   return tqp_add_select(x->epfd, x->fd, EPOLLIN) == 0;
 }
 

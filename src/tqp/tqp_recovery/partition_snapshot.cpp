@@ -13,27 +13,13 @@
 #include <sys/stat.h>
 #include <vector>
 
-struct owned_descriptor {
-  const int fd;
-
-  explicit owned_descriptor(int opened) : fd(opened) {}
-
-  ~owned_descriptor() {
-    if (fd >= 0)
-      close(fd);
-  }
-
-  owned_descriptor(const owned_descriptor &) = delete;
-  owned_descriptor &operator=(const owned_descriptor &) = delete;
-};
-
 // A map with one huge id is mostly a hole, and so is its copy.
 static bool copy_data(int from, int to, int64_t len) {
   std::vector<char> block(size_t{64} << 10U);
   const bool copied = tqp_for_each_data(from, len, [&](int64_t begin, int64_t end) {
     for (int64_t at = begin; at < end;) {
       const int64_t piece = std::min(end - at, static_cast<int64_t>(block.size()));
-      if (!tqp_read_at(from, block.data(), piece, at) || !tqp_write_at(to, block.data(), piece, at))
+      if (wllb_read_at(from, block.data(), piece, at) < piece || !wllb_write_at(to, block.data(), piece, at))
         return false;
       at += piece;
     }
@@ -43,13 +29,13 @@ static bool copy_data(int from, int to, int64_t len) {
 }
 
 static bool copy_file(const std::string &from, const std::string &to) {
-  const owned_descriptor source(open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const wllb_fd source(open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat found;
   if (source.fd < 0 || fstat(source.fd, &found) != 0)
     return errno == ELOOP; // a link is nobody's recovery file
   if (!S_ISREG(found.st_mode))
     return true;
-  const owned_descriptor target(open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+  const wllb_fd target(open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (target.fd < 0)
     return false;
   tqp_own_path(to.c_str());

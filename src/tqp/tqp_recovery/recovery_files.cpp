@@ -50,7 +50,7 @@ static bool write_pages(int fd, const wllb_zarray<int> &map, const wllb_zarray<u
     const int64_t begin = first * loc2norm_page_entries;
     const int64_t end = std::min(map.size, page * loc2norm_page_entries);
     const auto *bytes = reinterpret_cast<const char *>(map.data + begin);
-    if (begin < end && !tqp_write_at(fd, bytes, (end - begin) * 4, begin * 4))
+    if (begin < end && !wllb_write_at(fd, bytes, (end - begin) * 4, begin * 4))
       return false;
   }
   return true;
@@ -149,7 +149,7 @@ void write_loc2norm_rec_file(tqp_instance_t *inst, int mask) {
 static bool read_data(int fd, char *bytes, int64_t len, wllb_zarray<uint64_t> *touched) {
   constexpr int64_t page_bytes = loc2norm_page_entries * 4;
   return tqp_for_each_data(fd, len, [&](int64_t begin, int64_t end) {
-    if (!tqp_read_at(fd, bytes + begin, end - begin, begin))
+    if (wllb_read_at(fd, bytes + begin, end - begin, begin) < end - begin)
       return false;
     for (int64_t page = begin / page_bytes; touched && page * page_bytes < end; ++page)
       tqp_mark_loc2norm_page(touched, page);
@@ -392,18 +392,13 @@ static void load_header_map(tqp_instance_t *inst, FILE *file, const std::string 
   inst->http_header_map.size = num;
   const id_range ids = ids_of(id_sources[LOC2NORM_HTTP_HEADER], 0);
   read_count count = {};
-  char *line = nullptr;
-  size_t room = 0;
-  for (int64_t i = 0; i < num; ++i) {
-    const ssize_t len = getline(&line, &room, file);
-    if (len <= 0)
-      break;
-    if (!take_header_line(inst, i, line, static_cast<size_t>(len), ids, &count)) {
-      count.bytes = len;
-      break;
-    }
-  }
-  free(line);
+  int64_t local_id = 0;
+  wllb_for_each_line(file, [&](char *line, size_t len) {
+    if (take_header_line(inst, local_id, line, len, ids, &count))
+      return ++local_id < num;
+    count.bytes = static_cast<int64_t>(len);
+    return false;
+  });
   judge_damage(inst, LOC2NORM_HTTP_HEADER, path, count);
 }
 
@@ -411,7 +406,7 @@ static void load_header_map(tqp_instance_t *inst, FILE *file, const std::string 
 
 static void load_map(tqp_instance_t *inst, const loc2norm_row &row) {
   const std::string path = make_loc2_norm_file_path(inst, row.file_name);
-  const wllb_file file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), "r") : nullptr);
+  const wllb_file file = tqp_open_plain_file(path, "r");
   if (!file) {
     wllb_trace(1, "Error", "Could not open file %s for reading", path.c_str());
     if (row.bit == LOC2NORM_SQL)
@@ -476,7 +471,7 @@ static void check_eleven_record(tqp_instance_t *inst) {
   }
   const std::string path = wllb_format("%s/webapps/logs/TR%d/%s/tq/raw_data/%s.txt", wl_wdir, testidx,
                                        inst->partition_name, inst->tier_server_app_name);
-  const wllb_file file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), "r") : nullptr);
+  const wllb_file file = tqp_open_plain_file(path, "r");
   if (!file)
     return;
   const int event = first_telling_event(file.get());

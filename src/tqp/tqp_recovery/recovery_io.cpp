@@ -5,34 +5,6 @@
 
 #include "tqp_csv_files.h"
 
-bool tqp_read_at(int fd, char *bytes, int64_t len, int64_t at) {
-  while (len > 0) {
-    const ssize_t got = pread(fd, bytes, static_cast<size_t>(len), at);
-    if (got < 0 && errno == EINTR)
-      continue;
-    if (got <= 0)
-      return false;
-    bytes += got;
-    len -= got;
-    at += got;
-  }
-  return true;
-}
-
-bool tqp_write_at(int fd, const char *bytes, int64_t len, int64_t at) {
-  while (len > 0) {
-    const ssize_t done = pwrite(fd, bytes, static_cast<size_t>(len), at);
-    if (done < 0 && errno == EINTR)
-      continue;
-    if (done <= 0)
-      return false;
-    bytes += done;
-    len -= done;
-    at += done;
-  }
-  return true;
-}
-
 static std::string path_beside(const std::string &path) {
   return path + ".new";
 }

@@ -1,5 +1,5 @@
-// Bytes of recovery files: whole reads and writes, files with holes, and a new content that takes the place of the old
-// one at once. Private to this group.
+// Bytes of recovery files: files with holes, and a new content that takes the place of the old one at once. Private to
+// this group.
 #pragma once
 
 #include "tqp_main.h"
@@ -8,10 +8,6 @@
 #include <cerrno>
 
 #include <unistd.h>
-
-// All of the bytes, over short transfers and interruptions; false when the system gives or takes no more (errno).
-bool tqp_read_at(int fd, char *bytes, int64_t len, int64_t at);
-bool tqp_write_at(int fd, const char *bytes, int64_t len, int64_t at);
 
 // Opens an empty file beside `path`, owned as data files are. Null when it cannot be made.
 FILE *tqp_begin_replacing(const std::string &path);

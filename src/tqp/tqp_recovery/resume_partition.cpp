@@ -65,7 +65,9 @@ void tqp_discover_partition_to_resume(tqp_instance_t *inst) {
   const int64_t done = g_process_done_partition; // what was uploaded as finished is not read again
   if (found >= 0 && std::max(found, done) > 0)
     set_partition_name(inst, std::to_string(std::max(found, done)));
-  set_pending_switches(inst, count_following_partitions(inst->partition_name));
+  // Counted under the lock: a partition announced after the count raises the flag again, one too many does no harm.
+  wllb_hold hold(inst->test_run_swtch_mutex);
+  inst->test_run_swtch_flag = count_following_partitions(inst->partition_name);
 }
 
 // --- run over a chosen range ------------------------------------------------------------------------------------

@@ -73,14 +73,7 @@ static bool load_block_before(tqp_reverse_file *file, int64_t length) {
   const int64_t begin = std::max<int64_t>(0, end - length);
   file->block.resize(static_cast<size_t>(end - begin));
   file->block_at = begin;
-  for (int64_t at = begin; at < end;) {
-    const ssize_t got =
-        pread(file->fd, &file->block[static_cast<size_t>(at - begin)], static_cast<size_t>(end - at), at);
-    if (got <= 0)
-      return false;
-    at += got;
-  }
-  return true;
+  return wllb_read_at(file->fd, file->block.data(), end - begin, begin) == end - begin;
 }
 
 // Where the line that ends at file->pos begins. The block then holds all of it.
@@ -229,14 +222,10 @@ static void take_row(metadata_reader *reader, char *line) {
 
 // --- files ------------------------------------------------------------------------------------------------------
 
-static wllb_file open_metadata(const std::string &path) {
-  return wllb_file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), "r") : nullptr);
-}
-
 // What is left of a line that did not fit is no row.
 static void skip_rest_of_line(FILE *file) {
   for (int c = 0; c != '\n' && c != EOF;)
-    c = getc_unlocked(file);
+    c = getc_unlocked(file); // NOLINT(concurrency-mt-unsafe): this function's own stream
 }
 
 // Appends the newline that is missing at the end, or takes the row away that it would end.
@@ -252,7 +241,7 @@ static bool end_last_row(const norm_table_file &from, int fd, int64_t size) {
 // id from now on; but where the id stands last, the id itself may be cut.
 static void mend_torn_end(const norm_table_file &from) {
   const std::string path = metadata_path(from);
-  const wllb_file file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), "r+") : nullptr);
+  const wllb_file file = tqp_open_plain_file(path, "r+");
   struct stat st;
   char last = '\n';
   if (!file || fstat(fileno(file.get()), &st) != 0 || st.st_size == 0 ||
@@ -265,7 +254,7 @@ static void mend_torn_end(const norm_table_file &from) {
 
 static bool read_forwards(const norm_table_file &from) {
   metadata_reader reader = {.from = from, .path = metadata_path(from), .batch = {}};
-  const wllb_file file = open_metadata(reader.path);
+  const wllb_file file = tqp_open_plain_file(reader.path, "r");
   if (!file)
     return false;
   std::string line(max_line, 0);
@@ -281,7 +270,7 @@ static bool read_forwards(const norm_table_file &from) {
 
 // *count: lines read so far, of all files. More than the keyword's number ends the reading; -1 of it never does.
 static bool read_backwards(const norm_table_file &from, const std::string &path, int *count) {
-  const wllb_file file = open_metadata(path);
+  const wllb_file file = tqp_open_plain_file(path, "r");
   struct stat st;
   if (!file || fstat(fileno(file.get()), &st) != 0)
     return false;

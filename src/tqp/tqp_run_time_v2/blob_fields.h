@@ -6,19 +6,17 @@
 // Sample:  "17:99_0__" gives "17:99", "0", "" as fields; "17:99" gives 17 and 99 as parts
 #pragma once
 
-#include <cstdint>
-#include <cstdlib>
+#include "field_cursor.h"
+
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 
 // One field; a NUL ends it.
 struct blob_field {
   char *text;
   bool last; // the line ended before a '_' did
 };
-
-inline bool tqp_is_digit(char c) {
-  return c >= '0' && c <= '9';
-}
 
 // Nothing is left to read: the cursor is on a NUL or on the newline. Behind the newline the answer is no, so that whoever
 // goes on there asks for a field and learns that it is missing.
@@ -49,30 +47,33 @@ inline blob_field tqp_next_blob_field(char *&pos, char *end) {
   return {text, false};
 }
 
-// As many digits as always fit.
-constexpr int most_blob_digits = 18;
-
-// The number at the start of a text; *stop is where the plain digits end.
-inline int64_t tqp_blob_number(char *text, char **stop) {
-  uint64_t value = 0;
-  char *at = text;
-  for (; tqp_is_digit(*at); ++at)
-    value = value * 10 + static_cast<unsigned char>(*at - '0');
-  *stop = at;
-  if (at - text > most_blob_digits || (at == text && *at != 0))
-    return strtoll(text, nullptr, 10);
-  return static_cast<int64_t>(value);
+inline int64_t tqp_blob_number(const char *text) {
+  return tqp_read_number(text);
 }
 
-inline int64_t tqp_blob_number(char *text) {
-  char *stop;
-  return tqp_blob_number(text, &stop);
+// The number of milliseconds at the start of a text, with the C library's result. Digits with at most one point among
+// them are exact in a double while they are few, and so is the power of ten: one division then rounds as the library.
+inline double tqp_blob_decimal(const char *text) {
+  constexpr double powers[] = {1, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+  constexpr auto most_exact_digits = static_cast<ptrdiff_t>(std::size(powers)) - 1;
+  uint64_t digits = 0;
+  const char *at = text, *point = nullptr;
+  for (; tqp_is_digit(*at) || (*at == '.' && !point); ++at)
+    if (*at == '.')
+      point = at;
+    else
+      digits = digits * 10 + static_cast<unsigned char>(*at - '0');
+  const ptrdiff_t count = at - text - (point ? 1 : 0);
+  if (*at != 0 || count < 1 || count > most_exact_digits)
+    return strtod(text, nullptr);
+  return static_cast<double>(digits) / powers[point ? at - point - 1 : 0];
 }
 
 // The number at *text, which moves behind the next ':' and is null when there is none.
 inline int64_t tqp_next_part(char **text) {
-  char *stop;
-  const int64_t value = tqp_blob_number(*text, &stop);
+  const char *digits_end;
+  const int64_t value = tqp_read_number(*text, &digits_end);
+  char *const stop = *text + (digits_end - *text);
   char *const colon = *stop == ':' ? stop : *stop == 0 ? nullptr : strchr(stop, ':');
   *text = colon ? colon + 1 : nullptr;
   return value;
@@ -95,7 +96,7 @@ inline int tqp_next_blob_numbers(char *&pos, const char *end, int most, blob_num
     uint64_t value = 0;
     for (; tqp_is_digit(*at); ++at)
       value = value * 10 + static_cast<unsigned char>(*at - '0');
-    if (at == begin || at - begin > most_blob_digits)
+    if (at == begin || at - begin > most_plain_digits || value > INT64_MAX)
       return 0;
     out->value[n] = static_cast<int64_t>(value);
     if (*at == '_') {

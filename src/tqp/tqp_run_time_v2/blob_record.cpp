@@ -146,7 +146,7 @@ static bool take_times(const blob_record_t &b, char *text) {
   uint64_t *const times[] = {&s->fp_cputime, &s->fp_waittime, &s->fp_synctime, &s->fp_iotime, &s->fp_suspensiontime};
   const char *part = text;
   for (int came = 0; came < 5; ++came) {
-    *times[came] = static_cast<uint64_t>(strtoll(part, nullptr, 10));
+    *times[came] = static_cast<uint64_t>(tqp_read_number(part));
     const char *colon = strchr(part, ':');
     if (!colon && (came == 0 || came == 4))
       return true;
@@ -160,17 +160,17 @@ static bool take_times(const blob_record_t &b, char *text) {
 }
 
 static bool take_response_time(const blob_record_t &b, char *text) {
-  b.segment->resp_time_from_bci = static_cast<uint64_t>(strtoll(text, nullptr, 10));
+  b.segment->resp_time_from_bci = static_cast<uint64_t>(tqp_read_number(text));
   return true;
 }
 
 static bool take_url_id(const blob_record_t &b, char *text) {
-  b.segment->bci_urlid = strtoll(text, nullptr, 10);
+  b.segment->bci_urlid = tqp_read_number(text);
   return true;
 }
 
 static bool take_gc_flag(const blob_record_t &b, char *text) {
-  b.segment->gcOver = static_cast<int8_t>(strtoll(text, nullptr, 10));
+  b.segment->gcOver = static_cast<int8_t>(tqp_read_number(text));
   return true;
 }
 
@@ -182,7 +182,7 @@ static bool take_trace_request(const blob_record_t &b, char *text) {
 // -1 stands for the instance's own texts: both together, else its tags, else its attributes.
 static bool take_tag_id(const blob_record_t &b, char *text) {
   const auto &map = b.inst->tags_map;
-  const int64_t id = strtoll(text, nullptr, 10);
+  const int64_t id = tqp_read_number(text);
   b.segment->tags_norm_id = 0;
   if (id != -1) {
     if (map.at_or_zero(id) == 0 || id == 0)
@@ -196,7 +196,7 @@ static bool take_tag_id(const blob_record_t &b, char *text) {
 }
 
 static bool take_type(const blob_record_t &b, char *text) {
-  tqp_set_flowpath_type(b.segment, strtoll(text, nullptr, 10));
+  tqp_set_flowpath_type(b.segment, tqp_read_number(text));
   return true;
 }
 

@@ -105,7 +105,7 @@ static std::string_view take_part(char **rest) {
 
 // Milliseconds, kept within what 64 bits hold; not a number is 0.
 static double read_ms(const char *text) {
-  const double value = strtod(text, nullptr);
+  const double value = tqp_blob_decimal(text);
   return std::isnan(value) ? 0 : std::clamp(value, -0x1p63, 0x1p63);
 }
 
@@ -256,7 +256,7 @@ static void run_database_call(blob_reader *r, callout *c) {
   call.backend_norm_id = c->norm_backend_id;
   call.backend_type = c->backend_type;
   process_sql_record_data(r->inst, segment, call);
-  if (sql_index != 0) // that may have just added it
+  if (sql_index != 0 && c->norm_sql_id < 1) // that may have just added it
     c->norm_sql_id = tqp_norm_sql_id(r->inst, sql_index, begin_ts);
 }
 
@@ -272,17 +272,14 @@ static void run_by_backend_type(blob_reader *r, callout *c) {
 
 // --- what a callout leaves ---------------------------------------------------------------------------------------
 
-wllb_text *tqp_callout_target(const blob_reader *r) {
-  if (!tqp_is_exit_form(r))
-    return &r->segment->seq_blob;
-  const record_array<method_call_stack_t> &stack = r->segment->method_call_stack;
-  if (stack.used > 0)
-    return &stack.data[stack.used - 1].callout_info;
+bool tqp_has_callout_target(const blob_reader *r) {
+  if (!tqp_is_exit_form(r) || r->segment->method_call_stack.used > 0)
+    return true;
   wllb_trace(
       1, "Error",
       "Error: Memory allocation failed for fp->method_call_stack[i].callout_infofp->method_call_stack[i].callout_info_len = %d and fp->method_call_stack[i].callout_info_malloced_len = %d",
       0, 0);
-  return nullptr;
+  return false;
 }
 
 static void put_values(wllb_putter *out, const callout &c, bool with_query) {
@@ -303,25 +300,23 @@ static void put_values(wllb_putter *out, const callout &c, bool with_query) {
 // stands before the id.
 static void put_token(const blob_reader *r, const callout &c, bool bare) {
   constexpr size_t numbers_and_marks = 128;
-  wllb_text *const target = tqp_callout_target(r);
-  if (!target)
+  if (!tqp_has_callout_target(r))
     return;
   segment_fp_t *const segment = r->segment;
   const std::string_view number = wllb_text_view(segment->begin_seq_num);
   const size_t dot = number.rfind('.');
   const std::string_view front = number.substr(0, dot == number.npos ? 0 : dot);
   const bool with_query = c.kind->letter == 'T' && !c.query_parameter.empty() && !tqp_is_exit_form(r);
-  wllb_putter out = tqp_begin_callout(r, target,
-                                      number.size() + c.first.size() + c.duration_text.size() +
-                                          c.backend_type_text.size() + c.start_text.size() + c.status.size() +
-                                          c.net_delay.size() + c.query_parameter.size() + numbers_and_marks);
+  wllb_putter out = tqp_begin_callout(r, number.size() + c.first.size() + c.duration_text.size() +
+                                             c.backend_type_text.size() + c.start_text.size() + c.status.size() +
+                                             c.net_delay.size() + c.query_parameter.size() + numbers_and_marks);
   if (segment->f_skip_adding_seq_num_for_call_out)
     out.put(c.first);
   else
     out.put(c.first[0]).put(front).put('.').put(c.first.substr(1));
   if (!bare)
     put_values(&out, c, with_query);
-  out.done(*target);
+  tqp_end_callout(r, out);
   segment->f_skip_adding_seq_num_for_call_out = 1;
 }
 
@@ -369,10 +364,10 @@ static bool run_bare_callout(blob_reader *r, const callout &c) {
     dump_bare_row(r, c);
     return true;
   }
-  wllb_text *const target = tqp_callout_target(r); // no '_' in front, in neither form
-  if (target)
-    wllb_text_put(*target, c.first, tqp_callout_label(r));
-  return target != nullptr;
+  if (!tqp_has_callout_target(r))
+    return false;
+  tqp_end_callout(r, tqp_begin_bare_callout(r, c.first.size()).put(c.first)); // no '_' in front, in neither form
+  return true;
 }
 
 static bool run_callout(blob_reader *r, callout *c) {

@@ -9,6 +9,7 @@
 #include "blob_fields.h"
 #include "classic_form.h"
 #include "flowpath_files.h"
+#include "side_texts.h"
 #include "tqp_method_timing.h"
 
 #include <algorithm>
@@ -125,8 +126,8 @@ int tqp_manage_ctarray(tqp_instance_t *inst, segment_fp_t *segment, const finish
 void tqp_hang_uninstrumented(segment_fp_t *segment, int32_t method_id) {
   auto &stack = segment->method_call_stack;
   make_row_room(stack);
-  wllb_text &text = stack.data[stack.used + 1].uninstr_mtd;
-  wllb_putter(text, 14, uninstr_label).put('_').num(method_id).put("_2").done(text);
+  wllb_putter out = tqp_begin_side_text(segment, 14, uninstr_label);
+  tqp_end_side_text(segment, &stack.data[stack.used + 1].uninstr_mtd, out.put('_').num(method_id).put("_2"));
 }
 
 // --- order ----------------------------------------------------------------------------------------------------------
@@ -239,29 +240,23 @@ static void put_exit_token(wllb_putter &out, const method_call_stack_t &row) {
   out.put(':').num(row.suspension_children_time);
 }
 
-static void put_and_free(wllb_putter &out, wllb_text &text, const char *label) {
-  if (!text.data)
-    return;
-  out.put(wllb_text_view(text));
-  wllb_text_free(text, label);
-}
-
 // Only an exit row carries its side texts out.
 static void put_row(segment_fp_t *segment, method_call_stack_t &row, bool first) {
   wllb_text &blob = segment->seq_blob;
-  wllb_putter out(blob, longest_token + row.callout_info.len + row.uninstr_mtd.len, blob_label);
+  wllb_putter out(blob, longest_token, blob_label);
   if (!first)
     out.put('_');
   if (row.entry_exit != 0) {
     put_exit_token(out, row);
-    put_and_free(out, row.callout_info, "callout_info");
-    put_and_free(out, row.uninstr_mtd, uninstr_label);
+    out.done(blob);
+    tqp_move_side_text_to_blob(segment, &row.callout_info, blob_label);
+    tqp_move_side_text_to_blob(segment, &row.uninstr_mtd, blob_label);
   } else {
     if (segment->entry_methods_count++ == 0)
       segment->entryPointId = row.method_id;
     put_entry_token(out, row);
+    out.done(blob);
   }
-  out.done(blob);
 }
 
 static void put_in_signature(wllb_text &signstr, const method_call_stack_t &row) {

@@ -60,12 +60,11 @@ int handle_grouped_queries(blob_reader *r, char *token) {
   const int32_t norm_method_id = tqp_norm_method_id(r->inst, static_cast<int32_t>(tqp_blob_number(token + 1)), segment);
   const int32_t norm_sql_id = norm_sql_of_group(r, static_cast<int32_t>(tqp_blob_number(colons[1] + 1)));
   const std::string_view tail = colons[2];
-  wllb_text *const target = tqp_callout_target(r);
-  if (!target)
+  if (!tqp_has_callout_target(r))
     return -1;
-  wllb_putter out = tqp_begin_callout(r, target, tail.size() + 64);
+  wllb_putter out = tqp_begin_callout(r, tail.size() + 64);
   out.put('G').num(norm_method_id).put(':').num(static_cast<int32_t>(tqp_blob_number(colons[0] + 1)));
-  out.put(':').num(norm_sql_id).put(tail).done(*target);
+  tqp_end_callout(r, out.put(':').num(norm_sql_id).put(tail));
   callout_row row = group_row("G", norm_method_id);
   row.backend_type = colons[0] + 1; // to the end of the token
   row.backend_sub_type = norm_sql_id;
@@ -108,8 +107,8 @@ int handle_coherence(blob_reader *r, char *token) {
   cut_cache_token(colons);
   segment_fp_t *const segment = r->segment;
   const int32_t norm_method_id = tqp_norm_method_id(r->inst, static_cast<int32_t>(tqp_blob_number(token + 1)), segment);
-  if (wllb_text *const target = tqp_callout_target(r)) // the details are in the row only
-    tqp_begin_callout(r, target, 32).put('C').num(norm_method_id).done(*target);
+  if (tqp_has_callout_target(r)) // the details are in the row only
+    tqp_end_callout(r, tqp_begin_callout(r, 32).put('C').num(norm_method_id));
   dump_cache_row(r, norm_method_id, colons);
   const int64_t tot_count = colons[2] ? tqp_blob_number(colons[2] + 1) : 0;
   tqp_add_number(segment->call_out_count, tot_count);

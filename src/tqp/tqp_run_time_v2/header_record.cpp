@@ -116,7 +116,7 @@ static bool read_start_time(header_t &h) {
     return lose_for_negative_start(h, *text);
   if (h.f->ended)
     return incomplete(h);
-  const int64_t given = strtoll(text, nullptr, 10);
+  const int64_t given = tqp_read_number(text);
   const bool is_end_in_ms = h.event_id == TQ_EV_SEGMENT_SEQ_BLOB_ASYNC_RESP;
   const int64_t begin = is_end_in_ms ? given / 1000 : given;
   if (is_end_in_ms)

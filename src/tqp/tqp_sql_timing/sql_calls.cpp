@@ -7,14 +7,14 @@
 
 #include "tqp_sql_timing.h"
 
+#include "field_cursor.h"
 #include "flowpath_files.h"
+#include "local_maps.h"
 #include "metadata_request.h"
 #include "row_batch.h"
 #include "tqp_csv_files.h"
-#include "tqp_recovery.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 // --- which calls are kept -------------------------------------------------------------------------------------------
 
@@ -127,7 +127,7 @@ static void keep_execution(tqp_instance_t *inst, segment_fp_t *segment, const sq
 
 // The placeholder is made even for a kind of call that is not kept: the query's token in the blob names it.
 void process_sql_record_data(tqp_instance_t *inst, segment_fp_t *segment, const sql_call &call) {
-  const auto local_id = static_cast<int32_t>(strtol(call.sql_id, nullptr, 10));
+  const auto local_id = static_cast<int32_t>(tqp_read_number(call.sql_id));
   if (call.found_norm_id < 1)
     make_known(inst, call, local_id);
   if (!is_kept(call.backend_type))

@@ -8,9 +8,9 @@
 #include "tqp_sql_timing.h"
 
 #include "flowpath_files.h"
+#include "local_maps.h"
 #include "row_batch.h"
 #include "tqp_csv_files.h"
-#include "tqp_recovery.h"
 
 #include <algorithm>
 

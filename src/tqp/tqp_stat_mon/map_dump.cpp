@@ -13,6 +13,7 @@
 #include "tqp_recovery.h"
 
 #include <cstring>
+#include <unistd.h>
 
 // --- asking ------------------------------------------------------------------------------------------------------
 
@@ -52,32 +53,27 @@ static void ask_all() {
   tqp_for_each_instance([](const tqp_instance_t *inst) { ask_for_dump(inst, all_maps); });
 }
 
-static int mask_of(const std::vector<std::string> &fields) {
+static int mask_of(const std::vector<std::string_view> &fields) {
   int mask = 0;
   for (size_t i = 1; i < fields.size(); ++i)
     for (const event_bit &row : event_bits)
-      if (atoi(fields[i].c_str()) == row.event) // blanks before the number do no harm
+      if (atoi(std::string(fields[i]).c_str()) == row.event) // blanks before the number do no harm
         mask |= row.mask;
   return fields.size() < 2 ? all_maps : mask;
 }
 
-static std::vector<std::string> fields_of(const std::string &line) {
-  std::vector<std::string> fields;
-  for (size_t begin = 0; begin <= line.size();) {
-    const size_t comma = std::min(line.find(',', begin), line.size());
-    fields.push_back(line.substr(begin, comma - begin));
-    begin = comma + 1;
-  }
-  while (fields.size() > 1 && fields.back().find_first_not_of(" \t\r") == std::string::npos)
+static std::vector<std::string_view> fields_of(std::string_view line) {
+  std::vector<std::string_view> fields = wllb_split(line, ',');
+  while (fields.size() > 1 && fields.back().find_first_not_of(" \t\r") == std::string_view::npos)
     fields.pop_back(); // "name," asks for nothing in particular
   return fields;
 }
 
-static void ask_as_told(const std::string &line) {
+static void ask_as_told(std::string_view line) {
   const size_t begin = line.find_first_not_of(" \t");
-  if (begin == std::string::npos || line[begin] == '#')
+  if (begin == line.npos || line[begin] == '#')
     return;
-  const std::vector<std::string> fields = fields_of(line.substr(begin));
+  const std::vector<std::string_view> fields = fields_of(line.substr(begin));
   const int mask = mask_of(fields);
   tqp_for_each_instance([&](const tqp_instance_t *inst) {
     if (!inst->tier_server_app_name || fields[0] != inst->tier_server_app_name)
@@ -91,15 +87,12 @@ void process_sig_tqp_dump_loc2norm_maps() {
   wllb_trace(1, "Info", "Received TQP_DUMP_LOC2NORM_MAPS Signal");
   sig_dump_loc2norm_maps = 0;
   const char *path = outside_paths.dump_request_file.c_str();
-  if (!wllb_is_regular_file(path)) {
+  if (!wllb_is_regular_file(path) || access(path, R_OK) != 0) {
     ask_all();
   } else {
     const std::string text = wllb_read_small_file(path);
-    for (size_t begin = 0; begin < text.size();) {
-      const size_t newline = std::min(text.find('\n', begin), text.size());
-      ask_as_told(text.substr(begin, newline - begin));
-      begin = newline + 1;
-    }
+    for (std::string_view rest = text; !rest.empty();)
+      ask_as_told(wllb_take_piece(&rest, '\n'));
   }
   tqp_wake_all();
 }
@@ -223,4 +216,18 @@ void tqp_dump_maps_if_asked(const tqp_instance_t *inst) {
     return;
   for (const dump_request &request : take_requests(inst))
     dump_loc2norm_map(inst, request.mask, request.number);
+}
+
+void tqp_dump_maps_now(const tqp_instance_t *inst) {
+  int number;
+  {
+    wllb_hold hold(dump_mutex);
+    number = ++dump_count;
+  }
+  dump_loc2norm_map(inst, all_maps, number);
+}
+
+void tqp_forget_dump_requests(const tqp_instance_t *inst) {
+  if (dumps_wanted != 0)
+    take_requests(inst);
 }

@@ -21,8 +21,7 @@ constexpr int most_events = 4;
 
 int tqp_links_epoll(int size) {
   const int epoll_fd = tqp_epoll_init(size);
-  if (tqp_stop_fd() != -1)
-    tqp_add_select(epoll_fd, tqp_stop_fd(), EPOLLIN);
+  tqp_watch_stop(epoll_fd);
   return epoll_fd;
 }
 

@@ -25,5 +25,11 @@ void process_sig_tqp_dump_loc2norm_maps();
 // The instance's thread, each round and each block: writes the dump that main has asked for, if any.
 void tqp_dump_maps_if_asked(const tqp_instance_t *inst);
 
+// The instance's thread, at moments of its own: writes a dump of all its maps.
+void tqp_dump_maps_now(const tqp_instance_t *inst);
+
+// Forgets what was asked of an instance that leaves; its place is another's next.
+void tqp_forget_dump_requests(const tqp_instance_t *inst);
+
 // Main, when the flag of the signal is up: writes what each instance is reading.
 void process_sig_tqp_dump_current_processing_status();

@@ -10,10 +10,11 @@
 #include "tqp_tags.h"
 
 #include "field_cursor.h"
+#include "local_maps.h"
 #include "metadata_rows.h"
 #include "record_errors.h"
+#include "state_save.h"
 #include "tag_ids.h"
-#include "tqp_recovery.h"
 
 // Local ids that no agent gives out.
 constexpr int LOCAL_ID_ATTRIBUTES = 1, LOCAL_ID_TAGS = 2, LOCAL_ID_BOTH = 3;

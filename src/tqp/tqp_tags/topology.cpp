@@ -163,21 +163,12 @@ static std::string topology_text() WLLB_REQUIRES(key_auto_topo_mutex) {
   return json + "\n  ]\n}";
 }
 
-static bool write_whole_file(const char *path, const std::string &text) {
-  FILE *stream = my_fopen(path, "w");
-  if (!stream)
-    return false;
-  tqp_own_path(path);
-  const bool written = fwrite(text.data(), 1, text.size(), stream) == text.size();
-  return fclose(stream) == 0 && written;
-}
-
 // Written beside the file and renamed over it: nobody reads half of it.
 static void tq_update_auto_topology_discovery_json() WLLB_REQUIRES(key_auto_topo_mutex) {
   make_topology_dir();
   const std::string path = auto_discovery_json_file_name();
   const std::string temp_path = topology_dir() + "/.tempTqIntegrationPoint.conf";
-  if (!write_whole_file(temp_path.c_str(), topology_text()))
+  if (!tqp_write_data_file(temp_path.c_str(), topology_text()))
     wllb_trace(1, "Error", "Updating Auto discovery topology json failed because file = %s could not be created",
                temp_path.c_str());
   else if (rename(temp_path.c_str(), path.c_str()) != 0)
