@@ -302,6 +302,18 @@ static size_t build_line(char (&text)[trace_line_size], const char *thread_name,
   return 0;
 }
 
+// Of lines in a row that cannot be written the first one goes to standard error: a full disk must not go unseen.
+static void write_line(MTTraceLogKey *key, int fd, const char *text, size_t length) {
+  const bool lost = write(fd, text, length) != static_cast<ssize_t>(length);
+  if (lost == key->losing_lines.load(std::memory_order_relaxed) || key->losing_lines.exchange(lost) == lost || !lost)
+    return;
+  const std::string words =
+      wllb_format("Error: wllb_mt_trace_log(): trace lines are lost, Error = '%s', the first one: ",
+                  wllb_strerror(errno).c_str()) +
+      std::string(text + 1, length - 1) + "\n";
+  [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, words.data(), words.size());
+}
+
 // The caller's errno stays, for it may be what the caller reports next.
 void wllb_mt_trace_log(MTTraceLogKey *key, int64_t partition_idx, const char *thread_name, const char *severity,
                        const char *src_file, int line, const char *function, const char *format, ...) {
@@ -315,6 +327,7 @@ void wllb_mt_trace_log(MTTraceLogKey *key, int64_t partition_idx, const char *th
       build_line(text, thread_name ? thread_name : "Main Thread", severity, src_file, line, function, format, args);
   va_end(args);
   const int fd = length > 0 ? descriptor_for_line(key, partition_idx) : -1;
-  [[maybe_unused]] const ssize_t written = fd > 0 ? write(fd, text, length) : -1; // a full disk loses the line
+  if (fd > 0)
+    write_line(key, fd, text, length);
   errno = callers_errno;
 }

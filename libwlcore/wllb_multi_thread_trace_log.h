@@ -2,7 +2,7 @@
 //   In      wllb_trace(level, severity, format, ...) from every thread
 //   Out     "<base_dir>/<partition>/<log_file>", and "<...>.prev" for the file before
 //   Thread  any; trace_mutex covers only open, partition move and rollover. One write(2) per line keeps lines whole
-//   Failure a line that cannot be written is lost; some failures are told on standard error
+//   Failure a line that cannot be written is lost, the first one in a row to standard error; so are some other failures
 // Sample:  11/22/26 21:30:00|tier_server_app|line_cutter.cpp|88|tq_process_data|Error|...
 #pragma once
 
@@ -37,6 +37,7 @@ struct MTTraceLogKey {
   std::atomic<int64_t> partition_idx;                   // newest partition a line was written for
   int64_t cur_partition_idx;                            // kept, unused
   std::atomic<bool> print_header;                       // the next open writes the header line
+  std::atomic<bool> losing_lines{false};                // the last line could not be written
   wllb_mutex trace_mutex;                               // open, close, rename
   uid_t ownerid;                                        // owner and group given to the file
   gid_t grpid;

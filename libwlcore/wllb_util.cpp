@@ -261,6 +261,23 @@ std::string wllb_read_small_file(const char *path, size_t limit) {
   return got < 0 ? std::string() : text;
 }
 
+int64_t wllb_line_begin(int fd, int64_t offset) {
+  char block[4096];
+  if (offset > 0 && pread(fd, block, 1, offset - 1) != 1)
+    return -1;
+  while (offset > 0) {
+    const int64_t from = std::max<int64_t>(0, offset - static_cast<int64_t>(sizeof block));
+    const ssize_t got = pread(fd, block, static_cast<size_t>(offset - from), from);
+    if (got <= 0)
+      return -1;
+    const auto *newline = static_cast<const char *>(memrchr(block, '\n', static_cast<size_t>(got)));
+    if (newline)
+      return from + (newline - block) + 1;
+    offset = from;
+  }
+  return 0;
+}
+
 const char *wllb_base_name(const char *path) {
   const char *last_slash = strrchr(path, '/');
   return last_slash ? last_slash + 1 : path;

@@ -130,6 +130,10 @@ template <class F> void wllb_for_each_line(FILE *stream, F take) {
   free(line);
 }
 
+// Where the line that holds byte `offset` of a file begins; a byte behind a newline begins one. -1 when a byte before
+// `offset` cannot be read.
+int64_t wllb_line_begin(int fd, int64_t offset);
+
 // Last component of a path, without its directories.
 const char *wllb_base_name(const char *path);
 

@@ -1,10 +1,10 @@
 // Runs a program and kills it at its n-th system call that changes a file, before that call is done.
 //   In      stop_at_write N PROGRAM ARGUMENT...; N 0: never, only count
 //   Out     the number of such calls on standard error's last line, "calls N"; exit status 0 after a kill, else the program's
-//   Thread  one; the program's threads are all watched
+//   Thread  one; all threads of the program are watched, and its children, whose calls do not count
 //   Failure 125 and a line on standard error when processes cannot be watched here
-// Calls: write, pwrite64, writev, rename, unlink, mkdir, ftruncate, openat that makes or empties a file. Those on
-// standard output and error do not count.
+// Calls: write, pwrite64, writev, rename, unlink, mkdir, symlink, ftruncate, openat that makes or empties a file. Those
+// on standard output and error do not count.
 
 #include <cerrno>
 #include <cstddef>
@@ -45,6 +45,7 @@ static void watch_calls() {
       STOP_FOR(SYS_unlink),
       STOP_FOR(SYS_unlinkat),
       STOP_FOR(SYS_mkdir),
+      STOP_FOR(SYS_symlink),
       STOP_FOR(SYS_ftruncate),
       STOP_FOR(SYS_openat),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
@@ -80,11 +81,19 @@ static bool changes_a_file(const user_regs_struct &call) {
 static long calls;
 
 // True when the call that `thread` is about to make is the one to stop at.
-static bool is_the_one(pid_t thread, long n) {
+static bool is_the_one(pid_t program, pid_t thread, long n) {
   user_regs_struct call = {};
-  if (ptrace(PTRACE_GETREGS, thread, nullptr, &call) != 0 || !changes_a_file(call))
+  if (tgkill(program, thread, 0) != 0 || ptrace(PTRACE_GETREGS, thread, nullptr, &call) != 0 || !changes_a_file(call))
     return false;
   return ++calls == n;
+}
+
+// The program is gone when its first thread has been seen off: that is the last to be. Children go with the watcher.
+static void kill_program(pid_t program) {
+  int status = 0;
+  kill(program, SIGKILL);
+  for (pid_t seen = 0; seen >= 0 && !(seen == program && WIFSIGNALED(status));)
+    seen = waitpid(-1, &status, __WALL);
 }
 
 static int watch(pid_t program, long n) {
@@ -99,10 +108,8 @@ static int watch(pid_t program, long n) {
       return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     int signal = WSTOPSIG(status);
-    if (status >> 8 == (SIGTRAP | PTRACE_EVENT_SECCOMP << 8) && is_the_one(thread, n)) {
-      kill(program, SIGKILL);
-      while (waitpid(-1, &status, __WALL) > 0) { // the program is gone when its last thread has been seen off
-      }
+    if (status >> 8 == (SIGTRAP | PTRACE_EVENT_SECCOMP << 8) && is_the_one(program, thread, n)) {
+      kill_program(program);
       return 0;
     }
     if (status >> 16 != 0 || signal == SIGSTOP) // an event, or a new thread's first stop
@@ -125,7 +132,8 @@ int main(int argc, char **argv) {
   int status = 0;
   if (waitpid(program, &status, 0) != program || !WIFSTOPPED(status))
     return cannot_watch;
-  const long options = PTRACE_O_EXITKILL | PTRACE_O_TRACESECCOMP | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
+  const long options = PTRACE_O_EXITKILL | PTRACE_O_TRACESECCOMP | PTRACE_O_TRACECLONE | PTRACE_O_TRACEFORK |
+                       PTRACE_O_TRACEVFORK | PTRACE_O_TRACEEXEC;
   if (ptrace(PTRACE_SETOPTIONS, program, nullptr, options) != 0)
     give_up("ptrace options");
   ptrace(PTRACE_CONT, program, nullptr, nullptr);

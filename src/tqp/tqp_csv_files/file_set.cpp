@@ -10,7 +10,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <stdio_ext.h>
 #include <unistd.h>
 #include <utility>
 
@@ -82,7 +81,10 @@ void set_csvfilepath_in_tqp_instance(tqp_instance_t *inst, const char *partition
 static void make_instance_file(tqp_instance_t *inst, const instance_file &file, bool open) {
   const bool as_dat = file.slot == METHOD_TIMING_CSV_FP && tqp_binary_format_for_method_timing;
   const bool keep_open = open && file.kept && !as_dat;
-  FILE *stream = tqp_make_data_file(wllb_format("%s%s", inst->csvfilepath, file.name).c_str(), keep_open);
+  const std::string path = wllb_format("%s%s", inst->csvfilepath, file.name);
+  if (resume_flag)
+    tqp_cut_torn_row(path.c_str(), 0);
+  FILE *stream = tqp_make_data_file(path.c_str(), keep_open);
   if (keep_open)
     inst->csv_file_pointers[file.slot] = stream;
   if (as_dat)
@@ -144,6 +146,8 @@ void create_method_timing_dat_filename_and_file(tqp_instance_t *inst, FILE **str
   const std::string in_place = wllb_format("%s/logs/TR%d/%s/tq/dat", wl_wdir, testidx, inst->partition_name);
   const std::string dir = tqp_make_binary_dir(inst->partition_name, "dat", in_place, mt_dat_dir_lock);
   const std::string path = wllb_format("%s/%s_MethodTiming.dat", dir.c_str(), inst->tier_server_app_name);
+  if (resume_flag)
+    tqp_cut_torn_row(path.c_str(), tqp_timing_record_size);
   FILE *stream = tqp_make_data_file(path.c_str(), stream_out != nullptr);
   if (stream_out)
     *stream_out = stream;
@@ -156,16 +160,10 @@ void write_prev_tqpdone(tqp_instance_t *inst, const char *file_name) {
   FILE *done = inst->prev_tqpdone_fileptr_v2.get();
   if (!done)
     return; // the partition is not done, so its reader has not run yet
-  fprintf(done, "%d,%d,%s/%s\n", inst->jvmid, inst->appID, inst->tier_server_app_name, file_name);
-  fflush(done);
+  tqp_append_rows(done, wllb_format("%d,%d,%s/%s\n", inst->jvmid, inst->appID, inst->tier_server_app_name, file_name));
 }
 
 // --- flushing ---------------------------------------------------------------------------------------------------
-
-void tqp_flush_stream(FILE *stream) {
-  if (stream && __fpending(stream) > 0)
-    fflush(stream);
-}
 
 static void flush_blobs(tqp_instance_t *inst) {
   sqb_fwrite(inst, nullptr, 0, true, false);

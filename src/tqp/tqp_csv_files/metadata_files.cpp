@@ -2,12 +2,14 @@
 //   In      norm ids just given out and their texts, from the record readers of all instances
 //   Out     the common files below; they are also the memory from which a restart rebuilds its norm tables
 //   Thread  any instance's; each file is written under its lock, so rows of one file come in any order of id
-//   Failure a file that does not open is told at each row and tried again with the next one; the row is lost
+//   Failure a file that does not open is told at each row and tried again with the next one; the row is lost. On a full
+//           disk rows wait, up to a limit, since their ids are in use
 // Samples:  17,0,com.acme.Pay.charge   (TQMetaData.csv: id, kind, text, which may hold commas)
 //           User-Agent,3               (TQHTTPHeaderMetaData.csv and TQFPSignature.csv: text first)
 
 #include "metadata_rows.h"
 
+#include <atomic>
 #include <iterator>
 
 enum metadata_format : uint8_t { OWN_FORMAT, ID_TEXT, ID_TYPE_TEXT, TEXT_ID };
@@ -109,6 +111,7 @@ void create_csv_metadata_files(const char *path) {
 }
 
 void tq_close_metadata_file() {
+  tqp_write_waiting_metadata();
   for (const metadata_csv_idx idx : closing_order) {
     wllb_hold hold(lock_of(idx));
     tqp_close_stream(&metadata_csv_fp[idx]);
@@ -120,14 +123,48 @@ static FILE *open_late(const tqp_instance_t *inst, const metadata_file &file) {
   return file.made_anew ? tqp_make_data_file(path.c_str(), true) : tqp_make_data_file_as(path.c_str(), "a", true);
 }
 
+// Rows that the system did not take, in their order, each file's under its lock.
+static std::string waiting_rows[__NUM_METADATA_CSV_IDX__];
+static constexpr size_t most_waiting = size_t{1} << 20U; // bytes of a file
+static std::atomic<int> files_with_waiting_rows;
+
+// True when no row of the file waits any more.
+static bool write_waiting(int idx, FILE *stream) {
+  std::string &rows = waiting_rows[idx];
+  if (rows.empty())
+    return true;
+  if (!stream || !tqp_append_rows(stream, rows))
+    return false;
+  rows = std::string(); // its memory goes, too
+  --files_with_waiting_rows;
+  return true;
+}
+
+static void let_wait(int idx, std::string_view row) {
+  std::string &rows = waiting_rows[idx];
+  if (rows.size() + row.size() > most_waiting)
+    return;
+  files_with_waiting_rows += rows.empty();
+  rows += row;
+}
+
+void tqp_write_waiting_metadata() {
+  for (int idx = 0; idx < __NUM_METADATA_CSV_IDX__ && files_with_waiting_rows > 0; ++idx) {
+    wllb_hold hold(lock_of(idx));
+    write_waiting(idx, metadata_csv_fp[idx]);
+  }
+}
+
 bool tqp_append_metadata_row(tqp_instance_t *inst, int idx, std::string_view row) {
   const metadata_file &file = metadata_files[idx];
   wllb_hold hold(lock_of(idx));
   FILE *&stream = metadata_csv_fp[idx];
   if (!stream)
     stream = open_late(inst, file);
-  if (stream && fwrite(row.data(), 1, row.size(), stream) == row.size() && fflush(stream) == 0)
+  if (stream && write_waiting(idx, stream) && tqp_append_rows(stream, row))
     return true;
+  if (stream)
+    let_wait(idx, row);
   wllb_trace(1, "Error", "%s", file.failure);
   return false;
 }

@@ -1,17 +1,17 @@
 // How rows of numbers are put together. Rows of one segment are collected on their way to a stream, so that a call of a
 // writer costs one write a file.
 //   In      rows, put piece by piece
-//   Out     the stream's bytes, in order, past its own buffer, which nobody uses; results of writes are not looked at
+//   Out     the stream's bytes, in order, past its own buffer, which nobody uses; a batch is written whole or not at all
 //   Thread  the owner's; the record lives on its stack
 #pragma once
 
+#include "tqp_csv_files.h"
+
 #include "wllb_text.h"
 
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <limits>
-#include <unistd.h>
 
 // Bytes that a whole number takes at most, with the comma behind it.
 constexpr size_t tqp_column_room = 21;
@@ -36,12 +36,8 @@ struct tqp_row_batch {
   }
 
   void write_out() {
-    for (size_t at = 0; at < rows.len;) {
-      const ssize_t done = write(fileno(file), rows.data + at, rows.len - at);
-      if (done <= 0 && errno != EINTR)
-        break;
-      at += done > 0 ? static_cast<size_t>(done) : 0;
-    }
+    if (rows.len > 0)
+      tqp_append_rows(file, wllb_text_view(rows));
     rows.len = 0;
   }
 

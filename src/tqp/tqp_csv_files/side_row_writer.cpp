@@ -12,14 +12,9 @@ void tqp_tell_unwritten_side_rows(const tqp_instance_t * /*inst*/) {
   wllb_trace(1, "Error", "Could not write to http_capture_header csv file");
 }
 
-static void write_and_flush(FILE *stream, std::string_view rows) {
-  fwrite(rows.data(), 1, rows.size(), stream);
-  fflush(stream);
-}
-
 static void write_to_current(tqp_instance_t *inst, const side_row_writer &writer, std::string_view rows) {
   if (FILE *const stream = tqp_current_data_file(inst, writer.slot))
-    write_and_flush(stream, rows);
+    tqp_append_rows(stream, rows);
   else
     writer.tell_unwritten(inst);
 }
@@ -31,7 +26,7 @@ static void write_late(tqp_instance_t *inst, const side_row_writer &writer, cons
     return writer.tell_closed(row);
   if (age == AGE_OLDER)
     return writer.tell_older(row);
-  write_and_flush(prev, text);
+  tqp_append_rows(prev, text);
   write_prev_tqpdone(inst, tqp_data_file_name(writer.slot));
 }
 

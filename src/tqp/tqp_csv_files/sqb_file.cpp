@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <sys/stat.h>
+#include <unistd.h>
 
 // --- the files --------------------------------------------------------------------------------------------------
 
@@ -60,14 +61,18 @@ void tqp_rotate_sqb_file(tqp_instance_t *inst) {
 
 // --- writing ----------------------------------------------------------------------------------------------------
 
-// Bytes that the system does not take are not counted in the offset, so what comes later is found all the same.
+// Bytes that the system does not take leave a hole: lines that point there find nothing, instead of the bytes that come
+// next. Where there can be no hole they are not counted, so that what comes later is found all the same.
 static void write_out(tqp_instance_t *inst, const char *data, size_t length) {
   const size_t written = length > 0 ? fwrite(data, 1, length, inst->sqb_fp) : 0;
   if (written == length)
     return;
-  inst->sqbfile_offset -= static_cast<int64_t>(length - written);
-  wllb_trace(1, "Error", "Could not write %zu bytes to the sequence blob file. Error = %s", length - written,
-             wllb_strerror(errno).c_str());
+  const int error = errno;
+  const auto missing = static_cast<int64_t>(length - written);
+  if (ftruncate(fileno(inst->sqb_fp), size_of(inst->sqb_fp) + missing) != 0)
+    inst->sqbfile_offset -= missing;
+  wllb_trace(1, "Error", "Could not write %lld bytes to the sequence blob file. Error = %s",
+             static_cast<long long>(missing), wllb_strerror(error).c_str());
   clearerr(inst->sqb_fp);
 }
 

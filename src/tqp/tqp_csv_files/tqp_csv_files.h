@@ -32,8 +32,20 @@ FILE *tqp_make_data_file_as(const char *path, const char *mode, bool keep_open);
 // Closes a stream and clears the slot that held it; a null stream does nothing.
 void tqp_close_stream(FILE **stream);
 
-// Writes out what a stream holds back. No system call when that is nothing; a null stream does nothing.
+// Appends rows to a file whose stream holds nothing back, all or none: what the system takes of them before it fails is
+// taken away again. False on failure, which is traced.
+bool tqp_append_rows(FILE *stream, std::string_view rows);
+
+// Writes out what a stream of text rows holds back; of a row that the system takes in part nothing stays, which is
+// traced. No system call when nothing is held back; a null stream does nothing.
 void tqp_flush_stream(FILE *stream);
+
+// Takes away what a kill has left behind the last whole row of a file, so that the next one is not glued to it: rows of
+// that many bytes, or with 0 lines of text. A file that is missing or cannot be read stays as it is.
+void tqp_cut_torn_row(const char *path, int64_t row_size);
+
+// Bytes of one row of a binary timing file.
+constexpr int tqp_timing_record_size = 144;
 
 // --- file set (file_set.cpp) ---------------------------------------------------------------------------------
 
@@ -51,6 +63,10 @@ void create_csv_files_ex(tqp_instance_t *inst, int open_flag);
 // Makes and opens all common metadata files in `path` (ends with '/'). Called once at start.
 void create_csv_metadata_files(const char *path);
 void tq_close_metadata_file();
+
+// Writes what of the common files found no room on the disk so far; part of each save. No system call when that is
+// nothing.
+void tqp_write_waiting_metadata();
 
 // Name of the file of a slot; null for a slot whose file is not made here.
 const char *tqp_data_file_name(int slot);

@@ -173,6 +173,7 @@ static void put_text_row(tqp_row_batch &batch, const timing_row_context &of, con
   row.done(batch.rows);
 }
 
+static_assert(sizeof(t_csv_fields) == tqp_timing_record_size);
 static_assert(offsetof(t_csv_fields, urlindex) == 16 && offsetof(t_csv_fields, cumwalltime) == 52 &&
               offsetof(t_csv_fields, tierindex) == 64 && offsetof(t_csv_fields, serverindex) == 68 &&
               offsetof(t_csv_fields, cumwaittime) == 80 && offsetof(t_csv_fields, cumselfsuspensiontime) == 136);

@@ -3,7 +3,8 @@
 //   Out     "%s/webapps/logs/TR%d/%s/tq/raw_data/.%s.txt.offset": one decimal number, no newline
 //   Thread  the instance's
 //   Failure a file that cannot be opened is traced and tried again at the next save
-// The file is never emptied by being opened: the number saved last stands until a new one is written over it.
+// In a run that resumes, the file is never emptied by being opened: the number saved last stands until a new one is
+// written over it. In one that begins anew, an old number means nothing.
 
 #include "state_save.h"
 #include "tqp_csv_files.h"
@@ -28,8 +29,8 @@ void tqp_make_offset_file(tqp_instance_t *inst) {
 }
 
 static void open_offset_file(tqp_instance_t *inst, const std::string &path) {
-  inst->raw_data_file_offset_fp =
-      wllb_path_exists(path.c_str()) && !wllb_is_regular_file(path.c_str()) ? nullptr : my_fopen(path.c_str(), "r+");
+  const bool odd = wllb_path_exists(path.c_str()) && !wllb_is_regular_file(path.c_str());
+  inst->raw_data_file_offset_fp = odd ? nullptr : my_fopen(path.c_str(), resume_flag ? "r+" : "w+");
   if (!inst->raw_data_file_offset_fp)
     return;
   inst->saved_offset_len = lseek(fileno(inst->raw_data_file_offset_fp), 0, SEEK_END);
@@ -47,28 +48,11 @@ static void read_offset(tqp_instance_t *inst) {
   inst->raw_data_file_offset = offset > 0 ? offset : 0;
 }
 
-// Where the line that holds byte `offset` begins; 0 for one behind the end of the file.
-static int64_t line_begin(int fd, int64_t offset) {
-  char block[4096];
-  char last;
-  if (offset > 0 && pread(fd, &last, 1, offset - 1) != 1)
-    return 0;
-  while (offset > 0) {
-    const int64_t from = std::max<int64_t>(0, offset - static_cast<int64_t>(sizeof block));
-    const ssize_t got = pread(fd, block, static_cast<size_t>(offset - from), from);
-    if (got <= 0)
-      return 0;
-    const auto *newline = static_cast<const char *>(memrchr(block, '\n', static_cast<size_t>(got)));
-    if (newline)
-      return from + (newline - block) + 1;
-    offset = from;
-  }
-  return 0;
-}
-
-// Part of a line could be taken for another record, so a damaged number goes back to where its line begins.
+// Part of a line could be taken for another record, so a damaged number goes back to where its line begins, and one
+// behind the end of the file to 0.
 static void keep_to_lines(tqp_instance_t *inst, FILE *raw_fp) {
-  const int64_t saved = inst->raw_data_file_offset, begin = line_begin(fileno(raw_fp), saved);
+  const int64_t saved = inst->raw_data_file_offset;
+  const int64_t begin = std::max<int64_t>(0, wllb_line_begin(fileno(raw_fp), saved));
   if (begin == saved)
     return;
   wllb_trace(1, "Warning", "Saved offset %lld of %s.txt is no beginning of a line, going on from %lld",

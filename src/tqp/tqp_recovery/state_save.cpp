@@ -11,6 +11,7 @@
 #include "tqp_recovery.h"
 
 void save_tqp_app_instance_thread_state(tqp_instance_t *inst) {
+  tqp_write_waiting_metadata(); // ids in the maps have their rows, as far as there is room
   if (!tqp_is_offline())
     write_loc2norm_rec_file(inst, 65535);
   tqp_save_offset(inst);

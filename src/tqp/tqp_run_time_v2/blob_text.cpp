@@ -8,7 +8,7 @@
 #include "classic_form.h"
 #include "metadata_request.h"
 #include "record_errors.h"
-#include "tqp_recovery.h"
+#include "local_maps.h"
 
 #include <algorithm>
 

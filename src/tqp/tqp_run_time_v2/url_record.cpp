@@ -80,5 +80,5 @@ void write_urlrecord_entry(tqp_instance_t *inst, int64_t self_fpi, int url_norm_
       testidx, url_norm_id, inst->jvmid, static_cast<long long>(begin_ts / 1000), static_cast<long long>(end_ts / 1000),
       status_code, static_cast<long long>(self_fpi), static_cast<long long>(end_ts - begin_ts),
       generator_test_run(self_fpi));
-  fflush(stream);
+  tqp_flush_stream(stream);
 }
