@@ -6,9 +6,9 @@
 // Samples:  17:0_0::0_120   17:99:1:abc_0:5:1_120   17:99_1_155_4:0:0:0:0   17_2
 
 #include "classic_form.h"
+#include "local_maps.h"
 #include "metadata_request.h"
 #include "record_errors.h"
-#include "local_maps.h"
 
 #include <algorithm>
 
