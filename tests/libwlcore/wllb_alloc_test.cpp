@@ -78,9 +78,11 @@ TEST(wllb_alloc_traces, every_allocation_has_its_lines_at_level_4_only) {
       void *first = wllb_new_block(size, "test");
       void *moved = wllb_grow_block(first, size, other, "test");
       wllb_free_block(moved, other, "test");
-      expected += wllb_format("Malloced  $%p$ size %zu, msg=test\nFreed  $%p$ size %zu, msg=test\n"
-                              "Realloced  $%p$ size %zu, msg=test\nFreed pointer $%p$, msg=test\n",
-                              first, size, first, size, moved, other, moved);
+      expected += wllb_format("Malloced  $%p$ size %zu, msg=test\n", first, size);
+      if (moved != first) // a block that stays where it is has no lines
+        expected += wllb_format("Freed  $%p$ size %zu, msg=test\nRealloced  $%p$ size %zu, msg=test\n", first, size,
+                                moved, other);
+      expected += wllb_format("Freed pointer $%p$, msg=test\n", moved);
     }
     std::string messages; // of all lines, one a line
     std::istringstream lines(file_text(dir / "7/trace.log"));
