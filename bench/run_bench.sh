@@ -166,8 +166,9 @@ what_came_out() {
 
 # --- flowpaths --------------------------------------------------------------------------------------------------
 
-# No trace lines: of those that the exit form calls for there are many.
-flowpath_keywords="TQP_TRACE_LEVEL 0${TQP_BENCH_KEYWORDS:+;$TQP_BENCH_KEYWORDS}"
+# No trace lines: of those that the exit form calls for there are many. No files of captured bodies: making thousands of
+# files measures the file system.
+flowpath_keywords="TQP_TRACE_LEVEL 0;TQP_DISABLE_DUMPING_CAPTURED_HTTP_BODY 1${TQP_BENCH_KEYWORDS:+;$TQP_BENCH_KEYWORDS}"
 
 # generate_flowpaths NAME METHODS FORM IN_FLIGHT
 generate_flowpaths() {
