@@ -17,6 +17,9 @@ set -euo pipefail
 export LC_ALL=C
 export ASAN_OPTIONS="${ASAN_OPTIONS:-}:detect_leaks=0" # leaks cannot be looked for in a process that is watched
 bin=$(cd "$1/bin" && pwd)
+for program in tqp tq_sample tqshow stop_at_write announce_switch; do
+  [ -x "$bin/$program" ] || { echo "$bin/$program is not there; build it first, with -DTQP_TESTS=ON"; exit 1; }
+done
 kills=${2:-40} step=${3:-1} seed=${4:-1}
 top=$(mktemp -d "${TMPDIR:-/tmp}/tqp_soak.XXXXXX")
 trap 'kill -9 $(jobs -p) 2>/dev/null || true; rm -rf "$top"' EXIT
