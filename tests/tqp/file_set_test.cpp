@@ -189,4 +189,33 @@ TEST_F(file_set, a_partition_is_done_once_when_the_last_one_is_out_of_its_way) {
   end_instance(newcomer);
 }
 
+// One is ahead by two partitions, the other reads them one by one, the last of them a second time.
+TEST_F(file_set, what_the_one_behind_has_still_to_read_is_not_done) {
+  const int64_t places[] = {20261122080000, 20261122090000, 20261122100000};
+  tqp_instance_t behind;
+  begin_instance(behind, "t_s_behind");
+  const auto register_both = [&]() WLLB_NO_THREAD_CHECK { tqp_imap = {inst, &behind}; };
+  register_both();
+  const auto leave = [](tqp_instance_t *one, int64_t from, int64_t to) {
+    one->prev_tqpdone_fileptr_v2.reset();
+    one->prev_partition_idx = from;
+    one->partition_idx = to;
+    check_and_create_partition_done_file(one, from);
+  };
+  const auto done = [&](int64_t place) {
+    return wllb_path_exists((run_dir() + std::to_string(place) + "/tq/csv/.tqp_process_done_v2.txt").c_str());
+  };
+  behind.partition_idx = places[0];
+  leave(inst, places[0], places[1]);
+  leave(inst, places[1], places[2]);
+  EXPECT_FALSE(done(places[0]) || done(places[1]));
+  leave(&behind, places[0], places[1]);
+  EXPECT_TRUE(done(places[0]) && !done(places[1])) << "it has only begun with the next one";
+  leave(&behind, places[1], places[2]);
+  EXPECT_TRUE(done(places[1]) && behind.prev_tqpdone_fileptr_v2);
+  leave(&behind, places[1], places[2]);
+  EXPECT_TRUE(behind.prev_tqpdone_fileptr_v2) << "late rows of a done partition are noted, whoever writes them";
+  end_instance(behind);
+}
+
 } // namespace

@@ -110,6 +110,7 @@ void tqp_create_partition_done_file(int64_t partition) {
   const std::string path = done_file_path(std::to_string(partition));
   wllb_trace(1, "Info", "All app instance completed the processing for partition '%lld', going to create '%s' file.",
              static_cast<long long>(partition), path.c_str());
+  mkdir_ex(path.c_str()); // nobody may ever have been in this partition
   FILE *const opened = tqp_make_data_file_as(path.c_str(), "a", true);
   const std::shared_ptr<FILE> stream(opened, [](FILE *f) {
     if (f)
@@ -126,32 +127,31 @@ void tqp_create_partition_done_file(int64_t partition) {
   --tqp_mon_stat_info.process_done_lag_count;
 }
 
-static bool is_read_by_others(int64_t partition, const tqp_instance_t *inst) {
+static bool is_to_be_read(int64_t partition) {
   bool in_use = false;
-  tqp_for_each_instance(
-      [&](const tqp_instance_t *other) { in_use = in_use || (other != inst && other->partition_idx <= partition); });
+  tqp_for_each_instance([&](const tqp_instance_t *inst) { in_use = in_use || inst->partition_idx <= partition; });
   return in_use;
 }
 
-static void finish_left_partitions(const tqp_instance_t *inst)
-    WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
-  while (!g_left_partitions.empty() && !is_read_by_others(*g_left_partitions.begin(), inst))
+// Whoever calls has stored where it reads now, and counts like the others: what it has entered just now is not done.
+static void finish_left_partitions() WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
+  while (!g_left_partitions.empty() && !is_to_be_read(*g_left_partitions.begin()))
     tqp_create_partition_done_file(*g_left_partitions.begin());
 }
 
 void check_and_create_partition_done_file(tqp_instance_t *inst, int64_t left_partition) {
   wllb_hold hold(check_and_create_partition_done_file_mutex);
-  if (tqpdone_fileptr_v2 && g_process_done_partition == left_partition)
+  if (tqpdone_fileptr_v2 && g_process_done_partition == left_partition && inst->prev_tqpdone_fileptr_v2)
     return; // another one left it at the same time, saw nobody behind, and was here first
   g_left_partitions.insert(left_partition);
-  finish_left_partitions(inst);
+  finish_left_partitions();
 }
 
 void tqp_take_place(tqp_instance_t *inst, int64_t partition) {
   wllb_hold hold(check_and_create_partition_done_file_mutex);
   inst->partition_idx = partition;
   if (wl_status == WL_RUNNING)
-    finish_left_partitions(inst);
+    finish_left_partitions();
 }
 
 int get_partion_number_to_start_with(std::string this_partition, std::string *out) {
