@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static std::string offset_file_path(const tqp_instance_t *inst) {
@@ -48,11 +49,15 @@ static void read_offset(tqp_instance_t *inst) {
   inst->raw_data_file_offset = offset > 0 ? offset : 0;
 }
 
-// Part of a line could be taken for another record, so a damaged number goes back to where its line begins, and one
-// behind the end of the file to 0.
+// Part of a line could be taken for another record, so a damaged number goes back to where its line begins. One behind the
+// end of the file goes back to the last line's end: a fragment carried over from the partition before counts in the number,
+// and nothing must be read twice for that.
 static void keep_to_lines(tqp_instance_t *inst, FILE *raw_fp) {
+  const int fd = fileno(raw_fp);
   const int64_t saved = inst->raw_data_file_offset;
-  const int64_t begin = std::max<int64_t>(0, wllb_line_begin(fileno(raw_fp), saved));
+  struct stat facts;
+  const int64_t size = fstat(fd, &facts) == 0 ? facts.st_size : 0;
+  const int64_t begin = std::max<int64_t>(0, wllb_line_begin(fd, std::min(saved, size)));
   if (begin == saved)
     return;
   wllb_trace(1, "Warning", "Saved offset %lld of %s.txt is no beginning of a line, going on from %lld",
