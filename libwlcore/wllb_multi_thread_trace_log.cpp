@@ -273,14 +273,13 @@ static size_t stored_length(int wanted, size_t room) {
   return length < room ? length : room - 1;
 }
 
-// One call is one line: a message's closing newline goes, other control bytes become blanks. Returns the new length.
-static size_t keep_to_one_line(char *text, size_t prefix, size_t length) {
-  if (length > prefix && text[length - 1] == '\n')
-    --length;
-  for (size_t i = 1; i < length; ++i)
-    if (static_cast<unsigned char>(text[i]) < ' ' && text[i] != '\t')
-      text[i] = ' ';
-  return length;
+// Control bytes of a message become blanks, so that no record can pass for a line of the log. Newlines stay where the
+// format has its own.
+static void blank_control_bytes(char *text, const char *end, const char *format) {
+  const bool of_lines = strchr(format, '\n') != nullptr;
+  for (; text < end; ++text)
+    if (static_cast<unsigned char>(*text) < ' ' && *text != '\t' && !(of_lines && *text == '\n'))
+      *text = ' ';
 }
 
 // Builds a line in `text`. Returns its length, or 0 when snprintf failed.
@@ -296,8 +295,11 @@ static size_t build_line(char (&text)[trace_line_size], const char *thread_name,
   const size_t room = sizeof text - prefix;
   // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers begin and end it
   const int body = front < 0 ? -1 : vsnprintf(text + prefix, room, format, args);
-  if (body >= 0)
-    return keep_to_one_line(text, prefix, prefix + stored_length(body, room));
+  if (body >= 0) {
+    const size_t length = prefix + stored_length(body, room);
+    blank_control_bytes(text + 1, text + length, format);
+    return length;
+  }
   fprintf(stderr, "Error: wllb_mt_trace_log(): snprintf returned -1 , Error = '%s'\n", wllb_strerror(errno).c_str());
   return 0;
 }

@@ -69,14 +69,17 @@ TEST_F(trace_log, a_file_is_a_header_and_lines_that_begin_with_their_newline) {
   EXPECT_EQ(header + front + "one\n11/02/26 01:03:05|Main Thread|plain.cpp|12|other|Error|2 of two", text_in("3"));
 }
 
-TEST_F(trace_log, every_call_is_one_line_whatever_bytes_the_message_has) {
+TEST_F(trace_log, every_call_is_as_many_lines_as_its_format_whatever_bytes_the_message_has) {
   trace(1, "");
   for (int byte = 1; byte < 256; ++byte) {
     const std::string shown_byte(1, byte < 32 && byte != '\t' ? ' ' : static_cast<char>(byte));
     const std::string c(1, static_cast<char>(byte));
-    EXPECT_EQ("a" + shown_byte + "b" + (byte == '\n' ? "" : shown_byte), shown("a" + c + "b" + c)) << byte;
+    EXPECT_EQ("a" + shown_byte + "b" + shown_byte, shown("a" + c + "b" + c)) << byte;
   }
-  EXPECT_EQ("a ", shown("a\n\n"));
+  const size_t before = text_in("1").size();
+  wllb_mt_trace_log(key, 1, "T", "Info", "a.cpp", 7, "f", "\nmsg %s\n && end\n", "a\rb");
+  const std::string added = text_in("1").substr(before);
+  EXPECT_EQ("\nmsg a b\n && end\n", added.substr(added.find("|Info|") + 6));
   const size_t room = 16383 - front.size(); // a line is cut at the size of its buffer
   for (const size_t length : {room - 1, room, room + 1, size_t{100000}})
     EXPECT_EQ(std::string(std::min(length, room), 'x'), shown(std::string(length, 'x'))) << length;

@@ -243,6 +243,11 @@ TEST_F(callouts, bad_tokens_leave_nothing_but_their_line) {
       EXPECT_EQ("", text() + rows());
       EXPECT_EQ(0, segment.seq_num + slot().ipmrt.used);
     }
+  begin("1.2.1");
+  run("T5:7:1:99:-:5:");
+  EXPECT_EQ(0, traced("id 0 is negative or 0"));
+  run("T5:7:1:99:-:5:0");
+  EXPECT_EQ(1, traced("id 0 is negative or 0")) << "a resource that is there is asked for";
   EXPECT_EQ(2 * 7, traced("; Found invalid tier/thread calout data at character number 11 in sequence blob. ("));
   EXPECT_EQ(2, traced("(              E7 ...) Start time not found."));
   const wllb_hold hold(inst->tqp_instance_mon_stat_info.tqp_instance_mon_str_lock);

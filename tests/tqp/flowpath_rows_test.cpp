@@ -478,6 +478,17 @@ TEST_F(flowpath_rows, an_opened_file_is_emptied_or_gone_on_with) {
   EXPECT_EQ(6 + 5, inst->sqbfile_offset) << "what is buffered counts";
 }
 
+TEST_F(flowpath_rows, a_file_from_before_the_other_disk_is_gone_on_with) {
+  const std::string path = blob_path(partition);
+  mkdir_ex(path.c_str());
+  put_file(path, "old");
+  resume_flag = 1;
+  disk_processed_path = root + "/disk";
+  sqb_fwrite(inst, "new", 3, true, false);
+  EXPECT_EQ("oldnew", file_text(path));
+  EXPECT_EQ(6, inst->sqbfile_offset + 3);
+}
+
 TEST_F(flowpath_rows, the_file_moves_on_with_the_partition) {
   open_sqb_file(inst);
   FILE *const file = inst->sqb_fp;

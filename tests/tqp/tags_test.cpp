@@ -48,12 +48,13 @@ TEST_F(tag_texts, sets_are_merged_with_the_fullest_global_text) {
 }
 
 TEST_F(tag_texts, odd_texts_are_joined_as_they_are_and_bad_records_change_nothing) {
-  tell(inst, "110,\n111,\n112,\n112,5\n112,5,\n112,-1,{}\n112,134217728,{}\n112,99999999999999999999,{}\n" +
+  tell(inst, "110,\n111,\n112,\n112,5\n112,-1,{}\n112,134217728,{}\n112,99999999999999999999,{}\n" +
                  std::string("110,\0\n", 6));
   EXPECT_EQ("", rows());
   EXPECT_EQ(nullptr, inst->global_attributes);
-  tell(inst, "110,x\n111,y\n112,5,,z\n112,100000,it's\n");
-  EXPECT_EQ("1,'x'\n2,'y'\n3,','\n4,',z'\n5,',t's'\n", rows()) << "a join costs a byte of both, whatever they are";
+  tell(inst, "112,5,\n110,x\n111,y\n112,5,,z\n112,6,\n112,100000,it's\n");
+  EXPECT_EQ("1,''\n2,'x'\n3,'y'\n4,','\n5,',z'\n6,',t's'\n", rows())
+      << "a join costs a byte of both, whatever they are";
   const std::string inner = "\"l\":\"" + std::string(300000, 'x') + "\"";
   tell(inst, "110,{" + inner + "}\n111,{\"m\":1}\n112,6,{" + inner + "}\n");
   EXPECT_NE(std::string::npos, rows().find(",'{" + inner + ",\"m\":1," + inner + "}'\n"));

@@ -132,6 +132,21 @@ TEST_F(flowpaths, a_main_segment_waits_for_what_was_announced) {
   EXPECT_EQ(1, counted("Incomplete Flowpaths Generated"));
 }
 
+TEST_F(flowpaths, an_empty_blob_is_a_blob_and_its_details_are_kept) {
+  // The first one's entry breaks off; the second one's blob is over before it begins, whatever follows its empty field.
+  const std::string header = ",100,7,1,5,q,c,1,2,3,t,1,1,,,,1\n";
+  raw(names + "6,User-Agent,6\n2,500:0:0:500" + header + "12,500:0:0:500,6:<curl>\n" +
+      "4,500:0:0:500,200,1:0:0:0:0,5,,,,,,,17_0_120_\n2,600:0:0:600" + header + "3,600:0:0:600,,11,77_0_\n");
+  EXPECT_EQ(0, run().exit_status);
+  ASSERT_EQ(2U, rows().size());
+  const auto line = fields(segment_lines(rows()[0])[1]);
+  const long offset = atol(line[4].c_str()), blob = atol(line[9].c_str());
+  EXPECT_EQ("", inflated(first_partition, offset, blob));
+  EXPECT_EQ("0:User-Agent=curl", inflated(first_partition, offset + blob, atol(line[10].c_str())));
+  EXPECT_EQ(0, occurrences(trace(), "Found extra comma"));
+  EXPECT_EQ(0, check());
+}
+
 TEST_F(flowpaths, what_is_open_at_the_end_is_closed_and_marked) {
   raw(names + "2,500:0:0:500,100,7,1,5,q,c,1,2,3,t,1,1,,,,1\n3,500:0:0:500,1:77_0_0_0_2:77_0_10_0_\n"
               "2,600:0:0:600,100,7,1,5,q,c,1,2,3,t,1,1,,,,1\n");

@@ -25,8 +25,8 @@ static int64_t size_of(FILE *stream) {
 // Makes the instance's file in a partition. A null mode is that of the test run: go on with the file, or empty it.
 static FILE *open_in_partition(const tqp_instance_t *inst, const char *partition, const char *mode) {
   const std::string in_place = wllb_format("%s/webapps/logs/TR%d/%s/tq/sqb", wl_wdir, testidx, partition);
-  const std::string dir = tqp_make_binary_dir(partition, "sqb", in_place, sqb_dir_lock);
-  const std::string path = wllb_format("%s/%d", dir.c_str(), inst->appID);
+  tqp_make_binary_dir(partition, "sqb", in_place, sqb_dir_lock);
+  const std::string path = wllb_format("%s/%d", in_place.c_str(), inst->appID); // where readers look, link or not
   FILE *stream = mode ? tqp_make_data_file_as(path.c_str(), mode, true) : tqp_make_data_file(path.c_str(), true);
   const int error = errno;
   if (stream)

@@ -28,7 +28,7 @@ inline int chk_fp_is_wl_initiated_tx(int64_t fpi) {
 
 // A text that waits in its segment's side_texts: places of its first and last piece; 0: it is empty.
 struct side_text_t {
-  size_t first, last;
+  uint32_t first, last;
 };
 
 // One row of a segment's call stack. Classic form: an open method. Exit form: the entry or the exit row of a finished one.
@@ -44,13 +44,15 @@ struct method_call_stack_t {
   int32_t method_id;        // norm id
   int32_t page_id;          // norm id, 0: none
   int32_t seq_num;          // classic: the segment's at entry; exit form: start on the entry row, end on the exit row
-  int32_t deleted;          // classic: 1 closed, but still under open rows
+  int8_t deleted;           // classic: 1 closed, but still under open rows
   int8_t async_call;        // exit form, entry row only
   int8_t entry_exit;        // exit form: 0 entry row, 1 exit row
   int8_t custom_data_flag;  // exit form, both rows
   side_text_t callout_info; // exit form: rewritten callouts behind this row, each with a leading '_'
   side_text_t uninstr_mtd;  // exit form: methods without instrumentation behind this row, the same way
 };
+
+static_assert(sizeof(method_call_stack_t) == 96); // there are two for each method of a large flowpath
 
 // Exit form: sums over the finished children of the open method at one depth (index depth - 1).
 struct children_time_t {

@@ -24,6 +24,7 @@ static void end_unless_done(int status) {
 
 static void set_initial_values() {
   wllb_install_new_handler();
+  wllb_tune_heap();
   tqp_process_state_init();
   tqp_keywords_init();
   tqp_apply_outside_root();

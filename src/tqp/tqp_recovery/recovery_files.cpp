@@ -222,8 +222,11 @@ struct read_count {
 static void judge_damage(tqp_instance_t *inst, int bit, const std::string &path, const read_count &count) {
   wllb_trace(1, "Info", "Loaded Local to Normalized Table: %s, %lld ids", path.c_str(),
              static_cast<long long>(count.good));
-  if (count.bad == 0 && count.bytes == 0 && count.good > 0)
+  if (count.bad == 0 && count.bytes == 0) {
+    if (count.good == 0)
+      wllb_trace(1, "Warning", "Recovery file %s holds no ids", path.c_str());
     return;
+  }
   wllb_trace(1, "Warning",
              "Recovery file %s is damaged: %lld ids taken, %lld entries passed over, %lld bytes are no whole entry",
              path.c_str(), static_cast<long long>(count.good), static_cast<long long>(count.bad),

@@ -265,10 +265,10 @@ static void raise_clocks(const blob_record_t &b) {
 
 // --- the blob ------------------------------------------------------------------------------------------------------
 
+// The blob's last byte is not looked at. Behind an empty field the text is over before it has begun.
 static bool has_comma(const blob_record_t &b) {
   const auto len = b.f->end - b.f->pos;
-  // The blob's last byte is not looked at.
-  if (len < 2 || !memchr(b.f->pos, ',', static_cast<size_t>(len) - 1))
+  if (len < 2 || *b.f->pos == 0 || !memchr(b.f->pos, ',', static_cast<size_t>(len) - 1))
     return false;
   wllb_trace(
       1, "Critical",

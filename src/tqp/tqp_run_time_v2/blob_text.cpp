@@ -104,10 +104,11 @@ int32_t tqp_norm_sql_id(tqp_instance_t *inst, int32_t local_id, int64_t /*timest
 }
 
 int32_t tqp_norm_resource_id(tqp_instance_t *inst, int64_t local_id, const segment_fp_t *segment) {
-  const int32_t norm_id = local_id == 0 ? 0 : inst->resource_map.at_or_zero(local_id);
-  if (norm_id != 0 || local_id == 0) [[likely]]
+  const int32_t norm_id = inst->resource_map.at_or_zero(local_id);
+  if (norm_id != 0 && local_id != 0) [[likely]]
     return norm_id;
-  return ask_and_look(inst, TQ_EV_RESOURCE_DISCOVERY, inst->resource_map, local_id, segment);
+  const int32_t told = ask_and_look(inst, TQ_EV_RESOURCE_DISCOVERY, inst->resource_map, local_id, segment);
+  return local_id == 0 ? 0 : told;
 }
 
 // --- messages and the limit --------------------------------------------------------------------------------------

@@ -80,6 +80,7 @@ struct callout {
   int64_t flowpath = 0;
   int32_t backend_id = 0; // local
   int32_t backend_type = 0;
+  bool has_resource = false;           // a field that says something, be it 0
   int64_t resource_id = 0;             // local
   char *sql_id = nullptr;              // local, as text
   bool has_start = false;              // false: start_text is the one that is shown instead
@@ -205,7 +206,7 @@ static void read_tail(callout *c) {
   char *rsp = none;
   if (c->rest) {
     char *const resource = c->rest;
-    take_part(&c->rest);
+    c->has_resource = !take_part(&c->rest).empty();
     c->resource_id = tqp_blob_number(resource);
     if (c->rest)
       rsp = read_net_delay(c->rest, c, none);
@@ -381,7 +382,8 @@ static bool run_callout(blob_reader *r, callout *c) {
   c->norm_backend_id = tqp_norm_method_id(r->inst, c->backend_id, r->segment);
   update_backend_id_array(&blob_flowpath(r), c->norm_backend_id, whole<int32_t>(c->duration));
   run_by_backend_type(r, c);
-  c->norm_resource_id = tqp_norm_resource_id(r->inst, c->resource_id, r->segment);
+  if (c->has_resource)
+    c->norm_resource_id = tqp_norm_resource_id(r->inst, c->resource_id, r->segment);
   put_token(r, *c, false);
   dump_row(r, *c);
   return true;

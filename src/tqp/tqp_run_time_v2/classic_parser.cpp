@@ -450,8 +450,16 @@ static bool go_behind_method(const classic_run &run, const classic_method &m) {
   return true;
 }
 
+// A piece gives the segment its texts even when nothing goes into them: an empty blob is a blob.
+static void make_texts(const blob_reader *r) {
+  wllb_text_room(r->segment->seq_blob, 0, "Segment SQB realloc");
+  if (tqp_generate_fp_signatures && r->pos < r->end)
+    wllb_text_room(r->segment->signstr, 0, signature_label);
+}
+
 static int run_piece(blob_reader *r) {
   classic_run run = {r, 0};
+  make_texts(r);
   if (r->segment->seq_blob.len != 0 && !at_end(r))
     tqp_put_token_separator(r->segment);
   while (!at_end(r)) {

@@ -4,6 +4,7 @@
 //   In      pieces for any row, in any order
 //   Out     the text of a row at the end of the blob; the memory is empty again when no row has a text left
 //   Thread  the instance's
+//   Failure pieces behind the first 4 GiB of a segment are lost
 #pragma once
 
 #include "tqp_main.h"
@@ -12,8 +13,8 @@
 
 // Stands before the bytes of a piece, wherever that is. A piece's place is its offset and 1; 0: none.
 struct side_piece {
-  size_t next; // place
-  size_t len;  // bytes
+  uint32_t next; // place
+  uint32_t len;  // bytes
 };
 
 // Begins a piece of at most `most` bytes; tqp_end_side_text ends it.
@@ -26,9 +27,12 @@ inline wllb_putter tqp_begin_side_text(segment_fp_t *segment, size_t most, const
 // Hangs the piece on a row's text.
 inline void tqp_end_side_text(segment_fp_t *segment, side_text_t *side, const wllb_putter &out) {
   wllb_text &texts = segment->side_texts;
-  const size_t begin = texts.len, place = begin + 1;
+  const size_t begin = texts.len;
   out.done(texts);
-  const side_piece piece = {0, texts.len - begin - sizeof piece};
+  if (texts.len > UINT32_MAX) [[unlikely]]
+    return wllb_text_cut(texts, begin);
+  const auto place = static_cast<uint32_t>(begin + 1);
+  const side_piece piece = {0, static_cast<uint32_t>(texts.len - begin - sizeof piece)};
   memcpy(texts.data + begin, &piece, sizeof piece);
   if (side->first == 0)
     side->first = place;
@@ -40,7 +44,7 @@ inline void tqp_end_side_text(segment_fp_t *segment, side_text_t *side, const wl
 
 // Moves a row's text to the end of the blob.
 inline void tqp_move_side_text_to_blob(segment_fp_t *segment, side_text_t *side, const char *label) {
-  for (size_t place = side->first; place != 0;) {
+  for (uint32_t place = side->first; place != 0;) {
     const char *const at = segment->side_texts.data + place - 1;
     side_piece piece;
     memcpy(&piece, at, sizeof piece);

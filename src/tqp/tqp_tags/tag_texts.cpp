@@ -51,12 +51,12 @@ void tqp_free_global_texts(tqp_instance_t *inst) {
   inst->global_attributes_len = inst->global_tags_len = inst->global_attr_tags_len = 0;
 }
 
-// Two objects as one: the first without its last byte, the second without its first, whatever these bytes are. Neither
-// text is empty.
+// Two objects as one: the first without its last byte, the second without its first, whatever these bytes are. The first
+// is not empty.
 static std::string join(std::string_view first, std::string_view second) {
   std::string joined;
-  joined.reserve(first.size() + second.size());
-  joined.append(first.substr(0, first.size() - 1)).append(",").append(second.substr(1));
+  joined.reserve(first.size() + second.size() + 1);
+  joined.append(first.substr(0, first.size() - 1)).append(",").append(second.substr(second.empty() ? 0 : 1));
   return joined;
 }
 
@@ -65,8 +65,6 @@ static std::string join(std::string_view first, std::string_view second) {
 static void tqp_write_tags_csv_file(tqp_instance_t *inst, int norm_id, const char *text) {
   tqp_check_offline_metadata(inst, TQ_EV_TAGS, text);
   tqp_append_metadata_row(inst, TAGS_TABLE_CSV_IDX, wllb_format("%d,'%s'\n", norm_id, text));
-  if (tqp_extended_metadata)
-    write_to_metadata_meta_file(inst, norm_id, METADATA_TYPE_TAGS);
 }
 
 static void tqp_add_entry_helper(tqp_instance_t *inst, const char *text, size_t length, int tag_id) {
@@ -139,7 +137,7 @@ void tqp_process_tags(tqp_instance_t *inst, char **p_cursor, char *end_of_record
     ++text;
   *end_of_record = 0;
   const int64_t id = strtoll(id_text, nullptr, 10);
-  if (id < 0 || id > max_local_id || *text == 0)
+  if (id < 0 || id > max_local_id)
     return tqp_incomplete_record(inst);
   add_tag_set(inst, text, static_cast<int>(id));
 }

@@ -11,7 +11,7 @@
 constexpr int TAG_KIND_ATTRIBUTES = 1;
 constexpr int TAG_KIND_TAGS = 2;
 
-// Kind of tag texts in "TQMetaDataEx.csv".
+// Kind of tag texts among the metadata; "TQMetaDataEx.csv" has no rows of it.
 constexpr int METADATA_TYPE_TAGS = 19;
 
 // Takes the text [*p_cursor, end_of_record) as the instance's global attributes (kind 1) or tags (kind 2). write_back 1:
