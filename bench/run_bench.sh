@@ -1,7 +1,7 @@
 #!/bin/sh
 # Measures tqp against tools that do far less with the same file, in the same run and on the same machine.
 #   run_bench.sh BUILD_DIR [MB] [SCENARIO...]
-# Builds nothing: wants BUILD_DIR/bin/tqp, tq_sample, tqp_measure, tqp_deflate_floor. MB: megabytes of raw data (100).
+# Builds nothing: wants BUILD_DIR/bin/tqp, tq_sample, tqp_measure, tqp_floor. MB: megabytes of raw data (100).
 # Scenarios: discovery (the default), skipped, flowpaths, in_flight, restart; all: every one. README.md tells what each shows.
 # Each one is a function bench_<name> at the end of this file.
 # Speeds are per CPU second (user and system); of three runs the middle one counts.
@@ -27,7 +27,7 @@ for scenario in "$@"; do
   esac
 done
 
-for program in tqp_measure tqp_deflate_floor tq_sample; do
+for program in tqp_measure tqp_floor tq_sample; do
   [ -x "$bin/$program" ] || { echo "$bin/$program is not there; build it first" >&2; exit 1; }
 done
 bin=$(cd "$bin" && pwd)
@@ -58,9 +58,10 @@ run_tqp() {
   measure "$1" "$bin/tqp" -t 1 -W "$top/work" -m 0 -r 0
 }
 
-# run_deflate NAME: what zlib alone takes for what the last run has deflated, in the form of `measure`.
-run_deflate() {
-  "$bin/tqp_deflate_floor" work/logs/TR1 >floor || { echo "$1: nothing to deflate" >&2; exit 1; }
+# run_floor NAME deflate|write: what zlib alone takes for what the last run has deflated, or the system calls alone for
+# what it has written; in the form of `measure`.
+run_floor() {
+  "$bin/tqp_floor" "$2" work/logs/TR1 >floor || { echo "$1: nothing to $2" >&2; exit 1; }
   awk '{ print $1, $1, 0 }' floor >>"$1.runs"
 }
 
@@ -206,10 +207,11 @@ flowpath_turns() {
     [ -z "$mawk" ] || measure mawk mawk -F'[,_]' '{for(i=1;i<=NF;i++) s+=$i} END{print s}' "$file"
     run_tqp tqp_A plain
     plain_totals=$(flowpath_totals)
-    run_deflate deflate_A # the lists of segments: they are compressed in every version
+    run_floor deflate_A deflate # the lists of segments: they are compressed in every version
+    run_floor write_A write
     run_tqp tqp_B template
     totals=$(flowpath_totals)
-    run_deflate deflate_B
+    run_floor deflate_B deflate
   done
 }
 
@@ -219,12 +221,15 @@ flowpath_load() {
   generate_flowpaths template "$1" "$2" 100
   make_plain_template template plain
   flowpath_turns
-  rows wc deflate_B tqp_B mawk deflate_A tqp_A
+  rows wc deflate_B tqp_B mawk deflate_A write_A tqp_A
   rates tqp_B "$totals"
   rates tqp_A "$plain_totals"
   bar "$1 methods, $2: version B CPU / deflate CPU" "$(ratio "$(middle_cpu tqp_B)" "$(middle_cpu deflate_B)")" most 1.6
-  [ -z "$mawk" ] ||
-    bar "$1 methods, $2: mawk CPU / version A CPU" "$(ratio "$(middle_cpu mawk)" "$(middle_cpu tqp_A)")" least 1.5
+  [ -n "$mawk" ] || return 0
+  bar "$1 methods, $2: mawk CPU / version A CPU" "$(ratio "$(middle_cpu mawk)" "$(middle_cpu tqp_A)")" least 1.5
+  floors=$(awk -v a="$(middle_cpu deflate_A)" -v b="$(middle_cpu write_A)" 'BEGIN { print a + b }')
+  printf '%s methods, %s: mawk CPU / (deflate_A + write_A), which nobody can be above: %.2f\n' "$1" "$2" \
+    "$(ratio "$(middle_cpu mawk)" "$floors")" | tee -a bars
 }
 
 # --- in_flight --------------------------------------------------------------------------------------------------

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <new>
 
+#include <malloc.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -28,11 +29,13 @@
 #define WLLB_ALLOC_WATCHED
 #endif
 
+// Blocks below this size are the C heap's, which keeps what is given back and hands it out again without page faults.
+static constexpr size_t heap_limit = size_t{4} << 20U;
+
 #ifdef WLLB_ALLOC_WATCHED
 static constexpr size_t first_mapped_size = size_t{1} << 32U;
 #else
-// Below, the C heap keeps what is given back and hands it out again without page faults.
-static constexpr size_t first_mapped_size = size_t{4} << 20U;
+static constexpr size_t first_mapped_size = heap_limit;
 #endif
 
 static bool is_mapped(size_t size) {
@@ -60,6 +63,11 @@ void wllb_install_new_handler() {
     wllb_trace(1, "Critical", "Failed to Malloced size %d, msg=%s", 0, "operator new");
     wllb_out_of_memory(0, "operator new");
   });
+}
+
+void wllb_tune_heap() {
+  mallopt(M_MMAP_THRESHOLD, static_cast<int>(heap_limit));
+  mallopt(M_TRIM_THRESHOLD, static_cast<int>(heap_limit));
 }
 
 static void *take_zeroed(size_t size) {
