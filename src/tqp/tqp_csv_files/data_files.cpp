@@ -5,7 +5,7 @@
 //   Thread  any; a stream belongs to its caller
 //   Failure null and a line in the trace; an owner that cannot be set is let be; rows on a full disk are lost
 
-#include "tqp_csv_files.h"
+#include "data_files.h"
 
 #include <cerrno>
 #include <climits>

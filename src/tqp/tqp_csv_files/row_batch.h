@@ -5,7 +5,7 @@
 //   Thread  the owner's; the record lives on its stack
 #pragma once
 
-#include "tqp_csv_files.h"
+#include "data_files.h"
 
 #include "wllb_text.h"
 

@@ -7,7 +7,7 @@
 
 #include "tqp_fp_stats_mon.h"
 
-#include "tqp_csv_files.h"
+#include "data_files.h"
 #include "tqp_init.h"
 
 #include <cstdlib>

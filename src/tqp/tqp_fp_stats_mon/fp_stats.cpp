@@ -3,8 +3,7 @@
 //   Out     copies of the numbers; the interval begins anew with each
 //   Thread  instances' threads count, the monitor takes, both under the instance's fp_stats_mutex
 //   Failure none
-
-#include "tqp_fp_stats_mon.h"
+#include "fp_stats.h"
 
 #include <algorithm>
 

@@ -5,8 +5,8 @@
 //   Failure what cannot be read leaves its global as it was; nothing here ends the process
 // Samples:  CONFIG TQE   (machine)     MULTIDISK_PATH processed_data /disk2   (scenario)
 
+#include "data_files.h"
 #include "process_frame.h"
-#include "tqp_csv_files.h"
 #include "tqp_process_data.h"
 #include "wllb_partition.h"
 

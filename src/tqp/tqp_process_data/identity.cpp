@@ -4,9 +4,9 @@
 //   Thread  the instance's; names and ids change under tqp_imap_lock, since other threads read them
 //   Failure a bad identity record sets get_tsa_id, which gives up the block
 
+#include "data_files.h"
 #include "event_table.h"
 #include "state_save.h"
-#include "tqp_csv_files.h"
 #include "tqp_process_data.h"
 #include "tqp_run_time_v2.h"
 

@@ -5,9 +5,9 @@
 //   Failure a bad line is traced and skipped; only a failed identity record gives up the block
 // Samples:  5,com.acme.Pay.charge,17\n (event 5)    junk\n (no event id: counted as invalid)    abc,1\n (skipped)
 
+#include "data_files.h"
 #include "record_dispatch.h"
 #include "record_errors.h"
-#include "tqp_csv_files.h"
 #include "tqp_process_data.h"
 
 #include <cstring>

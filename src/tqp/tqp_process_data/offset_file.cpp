@@ -6,8 +6,8 @@
 // In a run that resumes, the file is never emptied by being opened: the number saved last stands until a new one is
 // written over it. In one that begins anew, an old number means nothing.
 
+#include "data_files.h"
 #include "state_save.h"
-#include "tqp_csv_files.h"
 #include "tqp_process_data.h"
 
 #include <algorithm>

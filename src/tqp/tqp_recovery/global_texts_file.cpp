@@ -5,8 +5,8 @@
 //   Failure a file that cannot be opened or written is traced; a line that is not whole is told and passed over
 // Sample:  110,{"zone":"b"}    111,{"team":"shop"}
 
+#include "data_files.h"
 #include "recovery_io.h"
-#include "tqp_csv_files.h"
 #include "tqp_recovery.h"
 #include "tqp_tags.h"
 

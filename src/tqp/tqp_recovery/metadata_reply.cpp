@@ -4,10 +4,10 @@
 #include "metadata_reply.h"
 
 #include "agent_message.h"
+#include "data_files.h"
 #include "metadata_request.h"
 #include "process_sockets.h"
 #include "record_dispatch.h"
-#include "tqp_csv_files.h"
 
 #include <cstring>
 #include <strings.h>

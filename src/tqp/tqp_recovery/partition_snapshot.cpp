@@ -4,8 +4,8 @@
 //   Thread  the instance's, in the middle of a partition switch
 //   Failure a copy that fails is traced and ".TQMetaData.recovery" made empty; the switch goes on
 
+#include "data_files.h"
 #include "recovery_io.h"
-#include "tqp_csv_files.h"
 #include "tqp_recovery.h"
 
 #include <dirent.h>

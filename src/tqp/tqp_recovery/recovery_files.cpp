@@ -9,9 +9,9 @@
 
 #include "tqp_recovery.h"
 
+#include "data_files.h"
 #include "metadata_request.h"
 #include "recovery_io.h"
-#include "tqp_csv_files.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -3,7 +3,7 @@
 
 #include "recovery_io.h"
 
-#include "tqp_csv_files.h"
+#include "data_files.h"
 
 static std::string path_beside(const std::string &path) {
   return path + ".new";

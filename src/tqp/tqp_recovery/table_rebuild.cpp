@@ -9,8 +9,8 @@
 
 #include "tqp_recovery.h"
 
+#include "data_files.h"
 #include "tag_ids.h"
-#include "tqp_csv_files.h"
 #include "tqp_tags.h"
 
 #include <algorithm>

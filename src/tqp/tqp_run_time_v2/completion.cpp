@@ -6,10 +6,10 @@
 
 #include "flowpath_files.h"
 #include "flowpath_release.h"
+#include "fp_stats.h"
 #include "metadata_request.h"
 #include "record_errors.h"
 #include "tqp_async_handling.h"
-#include "tqp_fp_stats_mon.h"
 #include "tqp_method_timing.h"
 #include "tqp_run_time_v2.h"
 #include "tqp_sql_timing.h"

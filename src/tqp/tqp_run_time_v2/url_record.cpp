@@ -4,7 +4,7 @@
 //   Thread  the instance's; the generators' test run numbers are shared, under their mutex
 //   Failure a file that cannot be opened is traced; the row is lost
 
-#include "tqp_csv_files.h"
+#include "data_files.h"
 #include "tqp_run_time_v2.h"
 
 #include <cstring>

@@ -7,8 +7,8 @@
 
 #include "tqp_stat_mon.h"
 
+#include "data_files.h"
 #include "process_wake.h"
-#include "tqp_csv_files.h"
 #include "tqp_init.h"
 #include "tqp_recovery.h"
 

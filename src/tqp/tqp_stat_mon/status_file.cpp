@@ -7,7 +7,7 @@
 
 #include "tqp_stat_mon.h"
 
-#include "tqp_csv_files.h"
+#include "data_files.h"
 #include "tqp_init.h"
 
 #include <sys/stat.h>

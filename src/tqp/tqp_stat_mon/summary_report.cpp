@@ -4,7 +4,7 @@
 //   Thread  the instance's, under summary_report_mutex, since instances close at the same time
 //   Failure a file that cannot be opened is traced; the report is lost
 
-#include "tqp_csv_files.h"
+#include "data_files.h"
 #include "tqp_init.h"
 #include "tqp_stat_mon.h"
 

@@ -8,8 +8,8 @@
 
 #include "tqp_tags.h"
 
+#include "data_files.h"
 #include "field_cursor.h"
-#include "tqp_csv_files.h"
 
 #include "wllb_json_parser.h"
 
