@@ -119,7 +119,7 @@ struct written_file {
 
 static int make_file(size_t number) {
   const std::string name = "floor_" + std::to_string(number);
-  const int fd = open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND, 0600);
+  const int fd = open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
   unlink(name.c_str());
   return fd;
 }

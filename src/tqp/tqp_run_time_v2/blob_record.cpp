@@ -141,7 +141,7 @@ static void tell_missing_time(const blob_record_t &b, int came) {
 }
 
 // "cpu:wait:sync:io:suspension", or the first alone.
-static bool take_times(const blob_record_t &b, char *text) {
+static bool take_times(const blob_record_t &b, const char *text) {
   segment_fp_t *s = b.segment;
   uint64_t *const times[] = {&s->fp_cputime, &s->fp_waittime, &s->fp_synctime, &s->fp_iotime, &s->fp_suspensiontime};
   const char *part = text;
@@ -159,28 +159,28 @@ static bool take_times(const blob_record_t &b, char *text) {
   return true;
 }
 
-static bool take_response_time(const blob_record_t &b, char *text) {
+static bool take_response_time(const blob_record_t &b, const char *text) {
   b.segment->resp_time_from_bci = static_cast<uint64_t>(tqp_read_number(text));
   return true;
 }
 
-static bool take_url_id(const blob_record_t &b, char *text) {
+static bool take_url_id(const blob_record_t &b, const char *text) {
   b.segment->bci_urlid = tqp_read_number(text);
   return true;
 }
 
-static bool take_gc_flag(const blob_record_t &b, char *text) {
+static bool take_gc_flag(const blob_record_t &b, const char *text) {
   b.segment->gcOver = static_cast<int8_t>(tqp_read_number(text));
   return true;
 }
 
-static bool take_trace_request(const blob_record_t &b, char *text) {
+static bool take_trace_request(const blob_record_t &b, const char *text) {
   b.fp().trace_request = atoi(text);
   return true;
 }
 
 // -1 stands for the instance's own texts: both together, else its tags, else its attributes.
-static bool take_tag_id(const blob_record_t &b, char *text) {
+static bool take_tag_id(const blob_record_t &b, const char *text) {
   const auto &map = b.inst->tags_map;
   const int64_t id = tqp_read_number(text);
   b.segment->tags_norm_id = 0;
@@ -195,12 +195,12 @@ static bool take_tag_id(const blob_record_t &b, char *text) {
   return true;
 }
 
-static bool take_type(const blob_record_t &b, char *text) {
+static bool take_type(const blob_record_t &b, const char *text) {
   tqp_set_flowpath_type(b.segment, tqp_read_number(text));
   return true;
 }
 
-static bool take_correlation_id(const blob_record_t &b, char *text) {
+static bool take_correlation_id(const blob_record_t &b, const char *text) {
   char *stored = b.segment->correlationid;
   const size_t room = sizeof b.segment->correlationid;
   if (*stored && strncmp(stored, text, room - 1) != 0)
@@ -213,7 +213,7 @@ static bool take_correlation_id(const blob_record_t &b, char *text) {
   return true;
 }
 
-static bool drop_field(const blob_record_t &, char *) {
+static bool drop_field(const blob_record_t &, const char *) {
   return true;
 }
 
@@ -221,7 +221,7 @@ constexpr int IN_4 = 1, IN_44 = 2, IN_84 = 4;
 
 struct tail_field {
   int events; // the closing records that have it
-  bool (*take)(const blob_record_t &b, char *text);
+  bool (*take)(const blob_record_t &b, const char *text);
 };
 
 static constexpr tail_field tail_fields[] = {

@@ -76,7 +76,7 @@ struct callout {
   char *rest = nullptr;        // unread parts; null: none
   std::string_view first = ""; // kind and id text
   int32_t parent_seq_num = -1;
-  int8_t async_flag = 0;
+  int32_t async_flag = 0;
   int64_t flowpath = 0;
   int32_t backend_id = 0; // local
   int32_t backend_type = 0;

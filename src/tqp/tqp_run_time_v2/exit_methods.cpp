@@ -260,7 +260,7 @@ static void put_row(segment_fp_t *segment, method_call_stack_t &row, bool first)
 }
 
 static void put_in_signature(wllb_text &signstr, const method_call_stack_t &row) {
-  wllb_putter out(signstr, 3 * 20, signature_label);
+  wllb_putter out(signstr, size_t{3} * 20, signature_label);
   out.num(row.method_id).num(row.entry_exit);
   if (row.entry_exit == 0)
     out.num(row.page_id);

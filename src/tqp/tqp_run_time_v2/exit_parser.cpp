@@ -96,8 +96,8 @@ static const char *read_finished_method(const blob_reader *r, exit_form_token *t
 }
 
 // 0 when the token's method has gone to the call stack, else -1.
-static int handle_method_info(const blob_reader *r, char *token, char *end) {
-  exit_form_token t = {token, end};
+static int handle_method_info(const blob_reader *r, exit_form_token t) {
+  const char *const token = t.pos;
   finished_method m = {};
   const blob_field method = next_field(&t);
   if (method.last)
@@ -160,7 +160,7 @@ static int run_token(blob_reader *r, char *token, char *end) {
     return 0;
   default:
     // Finished methods count nothing: it is the other method tokens, good and bad, that fill the limit.
-    if (handle_method_info(r, token, end) < 0)
+    if (handle_method_info(r, {token, end}) < 0)
       r->segment->entry_exit_methods_count += 2;
     return 0;
   }
