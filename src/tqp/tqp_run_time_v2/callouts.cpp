@@ -124,7 +124,7 @@ static char *read_async_head(char *text, callout *c) {
   c->parent_seq_num = static_cast<int32_t>(tqp_next_part(&at));
   if (!at)
     return text;
-  c->async_flag = static_cast<int8_t>(tqp_next_part(&at));
+  c->async_flag = static_cast<int8_t>(tqp_next_part(&at)); // NOLINT(bugprone-signed-char-misuse): a small number
   if (!at)
     return text;
   c->flowpath = tqp_next_part(&at);
