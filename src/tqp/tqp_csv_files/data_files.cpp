@@ -64,6 +64,34 @@ bool tqp_write_data_file(const char *path, std::string_view text) {
   return fclose(file) == 0 && written;
 }
 
+static std::string path_beside(const std::string &path) {
+  return path + ".new";
+}
+
+FILE *tqp_begin_replacing(const std::string &path) {
+  const std::string beside = path_beside(path);
+  FILE *file = my_fopen(beside.c_str(), "w");
+  if (file)
+    tqp_own_path(beside.c_str());
+  return file;
+}
+
+bool tqp_end_replacing(FILE *file, const std::string &path, bool whole) {
+  const std::string beside = path_beside(path);
+  const bool closed = fclose(file) == 0;
+  if (whole && closed && rename(beside.c_str(), path.c_str()) == 0)
+    return true;
+  const int error = errno;
+  unlink(beside.c_str());
+  errno = error;
+  return false;
+}
+
+bool tqp_replace_data_file(const std::string &path, std::string_view text) {
+  FILE *file = tqp_begin_replacing(path);
+  return file && tqp_end_replacing(file, path, fwrite(text.data(), 1, text.size(), file) == text.size());
+}
+
 FILE *tqp_make_data_file_as(const char *path, const char *mode, bool keep_open) {
   FILE *made = my_fopen(path, mode);
   if (!made)

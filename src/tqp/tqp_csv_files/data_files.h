@@ -17,6 +17,16 @@ wllb_file tqp_open_plain_file(const std::string &path, const char *mode);
 // Replaces a file's content; the file gets its owner. True when all of it is written.
 bool tqp_write_data_file(const char *path, std::string_view text);
 
+// Opens an empty file beside `path`, owned as data files are. Null when it cannot be made.
+FILE *tqp_begin_replacing(const std::string &path);
+
+// Closes it and, when it is `whole` and the system took all of it, puts it in the place of `path`; else it is removed
+// and `path` keeps what it has. A kill at any moment leaves the one or the other. True when `path` is new.
+bool tqp_end_replacing(FILE *file, const std::string &path, bool whole);
+
+// Both at once. False leaves the old content and the reason in errno.
+bool tqp_replace_data_file(const std::string &path, std::string_view text);
+
 // Gives a path to ownerid and grpid; a failure is ignored.
 void tqp_own_path(const char *path);
 

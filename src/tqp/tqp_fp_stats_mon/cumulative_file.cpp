@@ -93,6 +93,6 @@ void tqp_put_totals_not_asked_for(std::string *totals, bool may_be_asked_for) {
 void tqp_write_cumulative_file(const std::string &totals) {
   const std::string path = cumulative_file_path();
   mkdir_ex(path.c_str());
-  if (!tqp_write_data_file(path.c_str(), totals))
+  if (!tqp_replace_data_file(path, totals))
     wllb_trace(1, "Error", "Unable to write data in fp_stat_cummulative_count file.");
 }

@@ -46,13 +46,9 @@ inline void id_index_prefetch_place(const id_index_t &index, int32_t id) {
     __builtin_prefetch(&index.places[id_index_home(index, id)]);
 }
 
-template <class T> void id_index_prefetch_entry(const id_index_t &index, int32_t id, const T *entries) {
-  const int32_t position = index.size == 0 ? -1 : index.places[id_index_home(index, id)].position_plus_1 - 1;
-  if (position < 0)
-    return;
-  const auto *entry = reinterpret_cast<const char *>(entries + position);
-  __builtin_prefetch(entry, 1);
-  __builtin_prefetch(entry + 64, 1);
+// Position of the entry that the id's place most likely names; -1 when the place is free.
+inline int32_t id_index_guess(const id_index_t &index, int32_t id) {
+  return index.size == 0 ? -1 : index.places[id_index_home(index, id)].position_plus_1 - 1;
 }
 
 inline void id_index_clear(id_index_t &index) {

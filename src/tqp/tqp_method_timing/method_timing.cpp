@@ -103,12 +103,28 @@ void tqp_collect_method_call(segment_fp_t *segment, int32_t method_id, const met
   collected.calls[collected.used++] = {method_id, time, amounts};
 }
 
+// The sums that the calls will need, those that are new among them: they will stand behind the last one.
+static void fetch_sums(const segment_fp_t *segment, int count) {
+  const record_array<mtarray_t> &sums = segment->mtarray;
+  int32_t fresh = sums.used;
+  for (int i = 0; i < count; ++i) {
+    const int32_t found = id_index_guess(segment->mta_index, collected.calls[i].method_id);
+    const int32_t position = found >= 0 ? found : fresh++;
+    if (position >= sums.room)
+      return; // the sums will move
+    const auto *sum = reinterpret_cast<const char *>(sums.data + position);
+    __builtin_prefetch(sum, 1);
+    __builtin_prefetch(sum + 64, 1);
+  }
+}
+
 void tqp_settle_method_calls() {
   const int count = collected.used;
+  if (count == 0)
+    return;
   collected.used = 0;
   segment_fp_t *segment = collected.segment;
-  for (int i = 0; i < count; ++i)
-    id_index_prefetch_entry(segment->mta_index, collected.calls[i].method_id, segment->mtarray.data);
+  fetch_sums(segment, count);
   for (int i = 0; i < count; ++i)
     add_call(segment, collected.calls[i].method_id, collected.calls[i].amounts, collected.calls[i].time);
 }

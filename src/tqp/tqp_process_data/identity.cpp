@@ -101,14 +101,9 @@ static std::string fpg_version_path(const tqp_instance_t *inst) {
 
 void write_fpg_version_in_file(tqp_instance_t *inst) {
   const std::string path = fpg_version_path(inst);
-  const wllb_file file(my_fopen(path.c_str(), "w+"));
-  if (!file) {
+  if (!tqp_replace_data_file(path, wllb_format("%f", static_cast<double>(inst->fpg_version))))
     wllb_trace(1, "Error", "Error in opening file[%s],Error [%s],errno= [%d]", path.c_str(),
                wllb_strerror(errno).c_str(), errno);
-    return;
-  }
-  fprintf(file.get(), "%f", static_cast<double>(inst->fpg_version));
-  tqp_own_path(path.c_str());
 }
 
 void set_fpg_version_from_file(tqp_instance_t *inst) {

@@ -6,7 +6,6 @@
 // Sample:  110,{"zone":"b"}    111,{"team":"shop"}
 
 #include "data_files.h"
-#include "recovery_io.h"
 #include "tqp_recovery.h"
 #include "tqp_tags.h"
 

@@ -5,7 +5,7 @@
 //   Failure a copy that fails is traced and ".TQMetaData.recovery" made empty; the switch goes on
 
 #include "data_files.h"
-#include "recovery_io.h"
+#include "file_holes.h"
 #include "tqp_recovery.h"
 
 #include <dirent.h>

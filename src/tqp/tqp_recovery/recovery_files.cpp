@@ -10,8 +10,8 @@
 #include "tqp_recovery.h"
 
 #include "data_files.h"
+#include "file_holes.h"
 #include "metadata_request.h"
-#include "recovery_io.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,20 +1,12 @@
-// Bytes of recovery files: files with holes, and a new content that takes the place of the old one at once. Private to
-// this group.
+// Recovery files with holes in them. Private to this group.
 #pragma once
 
-#include "tqp_main.h"
+#include "data_files.h"
 
 #include <algorithm>
 #include <cerrno>
 
 #include <unistd.h>
-
-// Opens an empty file beside `path`, owned as data files are. Null when it cannot be made.
-FILE *tqp_begin_replacing(const std::string &path);
-
-// Closes it and, when it is `whole` and the system took all of it, puts it in the place of `path`; else it is removed
-// and `path` keeps what it has. A kill at any moment leaves the one or the other. True when `path` is new.
-bool tqp_end_replacing(FILE *file, const std::string &path, bool whole);
 
 // Calls part(begin, end) for each stretch of [0, len) that the file holds, not for its holes; false when one did.
 template <class F> bool tqp_for_each_data(int fd, int64_t len, const F &part) {
