@@ -215,6 +215,10 @@ TEST_F(file_set, what_the_one_behind_has_still_to_read_is_not_done) {
   EXPECT_TRUE(done(places[1]) && behind.prev_tqpdone_fileptr_v2);
   leave(&behind, places[1], places[2]);
   EXPECT_TRUE(behind.prev_tqpdone_fileptr_v2) << "late rows of a done partition are noted, whoever writes them";
+  wl_status = WL_STOP_NOW; // those that have given up their places may not be ready with it
+  leave(inst, places[2], places[2] + 10000);
+  leave(&behind, places[2], nowhere_to_read);
+  EXPECT_FALSE(done(places[2]));
   end_instance(behind);
 }
 

@@ -126,6 +126,28 @@ TEST_F(control, instances_lie_partitions_apart_and_the_last_to_leave_finishes_ea
   expect_normal_end();
 }
 
+// Half a line at the end of a partition joins the next file's first one, and is no part of that file's offset.
+TEST_F(control, a_restart_after_half_a_line_reads_every_line_once) {
+  raw(identity() + "5,half.a.line.without.its.end()V");
+  start_connected();
+  EXPECT_TRUE(reads("Tier_Server_App"));
+  raw("3\n" + identity() + method(1, "a.B.one()V"), "Tier_Server_App", second_partition);
+  begin_newest_of({first_partition, second_partition});
+  EXPECT_TRUE(eventually([&] {
+    return saved_offset("Tier_Server_App", second_partition) ==
+           static_cast<long>(fs::file_size(raw_path("Tier_Server_App", second_partition)));
+  }));
+  tqp->signal(SIGTERM);
+  tqp->wait();
+  std::string more;
+  for (int i = 2; i < 9; ++i)
+    more += method(i, "a.B.m" + std::to_string(i) + "()V");
+  append_raw(more, "Tier_Server_App", second_partition);
+  start_connected();
+  EXPECT_TRUE(eventually([&] { return occurrences(common("TQMetaData.csv"), ",0,a.B.") == 8; }));
+  expect_normal_end();
+}
+
 TEST_F(control, a_switch_too_many_finishes_nothing) {
   make_full_pipe(path(first_partition + "/tq/csv/Tier_Server_App/TQFlowPath.csv"));
   raw(identity() + names + flowpath(500, 100));

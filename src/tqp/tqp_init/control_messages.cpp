@@ -198,9 +198,9 @@ static bool nobody_runs() {
          std::none_of(tqp_imap.begin(), tqp_imap.end(), [](const tqp_instance_t *inst) { return inst; });
 }
 
-// Without a thread nobody will ever leave the old partition, so it is finished here.
+// Without a thread nobody will ever leave the old partition, so it is finished here; but not when a stop has ended them.
 static void finish_left_partition(int64_t left) {
-  if (left == g_partition_idx || !nobody_runs())
+  if (left == g_partition_idx || !nobody_runs() || wl_status == WL_STOP_NOW)
     return;
   wllb_trace(1, "Info",
              "As number of running threads = %d, so going to create .tqp_process_done_file in partition = %lld", 0,

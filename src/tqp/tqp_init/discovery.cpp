@@ -123,7 +123,7 @@ static int previous_of(const std::string &partition, std::string *prev) {
   return 0;
 }
 
-static int walk_unfinished_partitions(int periodic) {
+static int walk_unfinished_partitions(int periodic) WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
   std::string partition = g_cur_partition;
   std::vector<std::string> files;
   for (;;) {
@@ -142,6 +142,8 @@ static int walk_unfinished_partitions(int periodic) {
     if (prev.empty() || (!tqp_is_offline() && is_done(prev)))
       return 0;
     partition = prev;
+    if (!tqp_is_offline())
+      g_left_partitions.insert(atoll(prev.c_str())); // whoever left it last may have been killed before it was marked
     wllb_hold hold(tqp_mon_stat_info_mutex);
     ++tqp_mon_stat_info.process_done_lag_count;
   }

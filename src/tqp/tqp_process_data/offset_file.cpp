@@ -89,7 +89,8 @@ void check_offset_file_and_seek_raw_file(tqp_instance_t *inst, FILE *raw_fp) {
 // One write in place. Only a shorter number than the one that stands there needs the file cut first.
 static void write_offset(tqp_instance_t *inst) {
   char text[24];
-  const auto end = std::to_chars(text, text + sizeof text, inst->raw_data_file_offset.load()).ptr;
+  const int64_t offset = std::max<int64_t>(0, inst->raw_data_file_offset); // below 0: only a carried fragment so far
+  const auto end = std::to_chars(text, text + sizeof text, offset).ptr;
   const int fd = fileno(inst->raw_data_file_offset_fp);
   const auto len = end - text;
   if (inst->saved_offset_len > len && ftruncate(fd, 0) != 0)

@@ -134,8 +134,9 @@ static bool is_to_be_read(int64_t partition) {
 }
 
 // Whoever calls has stored where it reads now, and counts like the others: what it has entered just now is not done.
+// Instances that are being stopped have given up their places without being ready, hence the state is looked at last.
 static void finish_left_partitions() WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
-  while (!g_left_partitions.empty() && !is_to_be_read(*g_left_partitions.begin()))
+  while (!g_left_partitions.empty() && !is_to_be_read(*g_left_partitions.begin()) && wl_status != WL_STOP_NOW)
     tqp_create_partition_done_file(*g_left_partitions.begin());
 }
 

@@ -255,8 +255,12 @@ static void switch_partitions(reader_t &r) {
       check_and_create_partition_done_file(inst, left);
     dump_maps_when_tracing(inst);
   } while (switch_result == 0 && inst->test_run_swtch_flag != 0);
+  // A fragment left at the old file's end joins the new one's first bytes; it will count as read with them, but does not
+  // stand in this file.
   if (switch_result == 0)
-    r.carried = 0; // else a fragment left at the old file's end joins the new one's first bytes
+    r.carried = 0;
+  else
+    inst->raw_data_file_offset -= static_cast<int64_t>(r.carried);
 }
 
 static void forget_needless_switch(tqp_instance_t *inst) {
@@ -281,10 +285,19 @@ static bool is_finished(const tqp_instance_t *inst) {
   return wl_status == WL_OVER || is_deleted(inst) || file_is_gone(inst, 2) || inst->partition_idx == end_partition_idx;
 }
 
+static bool is_switch_honoured(const tqp_instance_t *inst) {
+  return inst->test_run_swtch_flag != 0 && (wl_status == WL_RUNNING || tqc_port == -1);
+}
+
+// Whether a round that ends now leaves the file.
+static bool is_leaving(const tqp_instance_t *inst) {
+  return is_switch_honoured(inst) ? inst->partition_idx != g_partition_idx : is_finished(inst);
+}
+
 static void end_round(reader_t &r) {
   tqp_instance_t *inst = r.inst;
   tqp_dump_maps_if_asked(inst);
-  if (inst->test_run_swtch_flag != 0 && (wl_status == WL_RUNNING || tqc_port == -1)) {
+  if (is_switch_honoured(inst)) {
     if (inst->partition_idx != g_partition_idx)
       switch_partitions(r);
     else
@@ -375,7 +388,10 @@ void process_data(tqp_instance_t *inst, std::string filepath) {
       close_raw_file(r);
       return;
     }
+    const bool was_leaving = is_leaving(inst);
     read_to_end_of_file(r);
+    if (!was_leaving && is_leaving(inst) && wl_status != WL_STOP_NOW)
+      continue; // asked since the file's end was seen: what was written before that is read first
     end_round(r);
     if (r.is_test_running)
       sleep_a_round(r);
