@@ -332,6 +332,7 @@ void fill(segment_fp_t *segment, size_t large, size_t small) {
   memset(reinterpret_cast<char *>(segment) + sizeof segment->slot, 0x5A, sizeof *segment - sizeof segment->slot);
   for (const auto text : large_texts)
     give_bytes(segment->*text = buffers.*text, large);
+  segment->sqb_malloced_len = segment->signstr_malloced_len = static_cast<int64_t>(large);
   give_bytes(segment->callout_buf = buffers.callout_buf, small);
   give_bytes(segment->side_texts = buffers.side_texts, small + 3072);
   give_bytes(segment->begin_seq_num = buffers.begin_seq_num, 3000);
@@ -362,6 +363,7 @@ void expect_fields_reset(segment_fp_t rest) {
   expect_empty(rest.begin_seq_num);
   expect_empty(rest.callout_buf);
   expect_empty(rest.side_texts);
+  rest.sqb_malloced_len = rest.signstr_malloced_len = 0;
   EXPECT_EQ(0, rest.method_call_stack.used);
   EXPECT_EQ(0, rest.sqlarray.used);
   rest.method_call_stack = {};
@@ -389,6 +391,8 @@ TEST_F(flowpath_tables, a_removed_segment_keeps_small_buffers_only_when_told_to)
       EXPECT_EQ(keeps_by_size, segment->side_texts.data != nullptr);
       for (size_t i = 0; i < std::size(large_texts); ++i) // bodies have no limit
         EXPECT_EQ(i < 3 ? keeps_by_size : keeps, (segment->*large_texts[i]).data != nullptr);
+      EXPECT_EQ(keeps_by_size ? 16384 : 0, segment->sqb_malloced_len);
+      EXPECT_EQ(keeps_by_size ? 16384 : 0, segment->signstr_malloced_len);
       EXPECT_EQ(3000U, segment->begin_seq_num.size);
       ASSERT_EQ(keeps ? 16 : 0, segment->method_call_stack.room);
       ASSERT_EQ(keeps ? 4 : 0, segment->ctarray.room);

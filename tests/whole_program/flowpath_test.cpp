@@ -147,6 +147,30 @@ TEST_F(flowpaths, an_empty_blob_is_a_blob_and_its_details_are_kept) {
   EXPECT_EQ(0, check());
 }
 
+// While it waits for a side segment, a main segment with more than 32 KiB of blob gives it up, and the signature's source
+// with it. Memory counts by steps of 1024 bytes: 600 methods have less than 24 of them.
+TEST_F(flowpaths, a_large_segment_that_waits_loses_its_signature) {
+  keywords("TQP_GENERATE_FP_SIGNATURES 1\n");
+  for (const int count : {600, 1225}) {
+    std::string methods;
+    for (int i = 0; i < count; ++i)
+      methods += wllb_format("1_1:%d:%d_1_0:5_0_1:1:1:1:1_0|", 2 * i, 2 * i + 1);
+    raw(identity() + method(1, "a.b.C.m()V") +
+        "2,5:1:0:5,10,1,1.1,0,,,1,1,1,t,1\n82,x,4:1:5:5,10,1,1.7.1,0,,,1,1,1,t,1\n" + "44,x,5:1:0:5,200,3," + methods +
+        "\n");
+    EXPECT_EQ(0, run({"-r", "0"}).exit_status);
+    ASSERT_EQ(1U, rows().size());
+    EXPECT_EQ(count == 600 ? "1" : "0", fields(rows()[0])[7]) << count;
+  }
+}
+
+TEST_F(flowpaths, a_segment_without_a_number_is_none_of_those_with_one) {
+  raw(names + "2,700:7:0:700,100\n82,,702:7:700:700,105,2,0,0,q,c,1,2,3,thr,1,7,r,,9,5\n");
+  EXPECT_EQ(0, run().exit_status);
+  EXPECT_EQ(0U, rows().size());
+  EXPECT_EQ("", read(first_partition + "/tq/sqb/5"));
+}
+
 TEST_F(flowpaths, what_is_open_at_the_end_is_closed_and_marked) {
   raw(names + "2,500:0:0:500,100,7,1,5,q,c,1,2,3,t,1,1,,,,1\n3,500:0:0:500,1:77_0_0_0_2:77_0_10_0_\n"
               "2,600:0:0:600,100,7,1,5,q,c,1,2,3,t,1,1,,,,1\n");

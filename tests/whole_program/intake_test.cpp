@@ -270,6 +270,16 @@ TEST_F(tqp_test_run, a_second_run_goes_on_where_the_first_ended) {
   EXPECT_EQ(rows + "3,0,new.A.one()V\n2,1,new.A\n2,2,new\n", common("TQMetaData.csv"));
 }
 
+TEST_F(tqp_test_run, prepared_queries_are_known_again_whatever_their_ids_begin_with) {
+  keywords("TQP_SQL_START_NORM_ID 1999999995\n");
+  raw(identity() + "22,DROP table,13\n");
+  EXPECT_EQ(0, run().exit_status);
+  const std::string saved = read("tq/recovery/Tier_Server_App/tqp/.TQSQL.recovery");
+  EXPECT_FALSE(saved.empty());
+  EXPECT_EQ(0, run().exit_status);
+  EXPECT_EQ(saved, read("tq/recovery/Tier_Server_App/tqp/.TQSQL.recovery"));
+}
+
 TEST_F(tqp_test_run, an_offline_run_may_not_add_metadata_unless_told) {
   raw(identity() + method(17, "com.acme.shop.Pay.charge()V"));
   EXPECT_EQ(0, run().exit_status);

@@ -55,33 +55,39 @@ segment_fp_t *search_segment_array_using_fpi(tqp_instance_t * /*inst*/, concurre
 
 // --- reset ----------------------------------------------------------------------------------------------------------
 
-// A text is emptied; its memory goes when it has `free_from` bytes, or with tqp_free_fp_mem_on_completion.
+// A text is emptied; its memory goes when it has `free_from` bytes, or with tqp_free_fp_mem_on_completion. What it has may
+// be counted by itself.
 struct segment_text_row {
   wllb_text segment_fp_t::*text;
-  size_t free_from;
+  int64_t free_from;
   const char *label;
+  int64_t segment_fp_t::*counted = nullptr;
 };
 
 static constexpr segment_text_row segment_texts[] = {
     // clang-format off
-  {&segment_fp_t::seq_blob,          16385,    "Segment Sequence Blob"},
-  {&segment_fp_t::signstr,           16385,    "Segment Signature"},
+  {&segment_fp_t::seq_blob,          16385,    "Segment Sequence Blob", &segment_fp_t::sqb_malloced_len},
+  {&segment_fp_t::signstr,           16385,    "Segment Signature", &segment_fp_t::signstr_malloced_len},
   {&segment_fp_t::side_texts,        4097,     "callout_info"},
   {&segment_fp_t::req_detail_buf,    16385,    "curr_fp->req_detail_buf"},
   {&segment_fp_t::callout_buf,       1025,     "Segment Callout"},
-  {&segment_fp_t::request_body_buf,  SIZE_MAX, "Request Body Buffer"},
-  {&segment_fp_t::response_body_buf, SIZE_MAX, "Response Body Buffer"},
-  {&segment_fp_t::dynamic_data_buf,  SIZE_MAX, "Segment Dynamic Data"},
+  {&segment_fp_t::request_body_buf,  INT64_MAX, "Request Body Buffer"},
+  {&segment_fp_t::response_body_buf, INT64_MAX, "Response Body Buffer"},
+  {&segment_fp_t::dynamic_data_buf,  INT64_MAX, "Segment Dynamic Data"},
 }; // clang-format on
 
 static void reset_texts(segment_fp_t *segment, bool free_all) {
   wllb_text_clear(segment->begin_seq_num); // short: its memory always stays
   for (const segment_text_row &row : segment_texts) {
     wllb_text &text = segment->*row.text;
-    if (free_all || text.size >= row.free_from)
+    const int64_t size = row.counted ? segment->*row.counted : static_cast<int64_t>(text.size);
+    if (free_all || size >= row.free_from) {
       wllb_text_free(text, row.label);
-    else
+      if (row.counted)
+        segment->*row.counted = 0;
+    } else {
       wllb_text_clear(text);
+    }
   }
 }
 
@@ -115,6 +121,8 @@ static void zero_all_but_buffers(segment_fp_t *segment) {
   segment->begin_seq_num = old.begin_seq_num;
   for (const segment_text_row &row : segment_texts)
     segment->*row.text = old.*row.text;
+  segment->sqb_malloced_len = old.sqb_malloced_len;
+  segment->signstr_malloced_len = old.signstr_malloced_len;
   segment->method_call_stack = old.method_call_stack;
   segment->ctarray = old.ctarray;
   segment->mtarray = old.mtarray;

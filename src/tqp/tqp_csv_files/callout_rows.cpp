@@ -18,7 +18,7 @@ static bool has_reached_limit(const segment_fp_t *segment) {
   if (segment->callout_len < std::min(int64_t{tqp_max_callout_len_allowed_in_kb} * 1024, countable))
     return false;
   wllb_trace(
-      3, "Warning",
+      1, "Warning",
       "tqp_max_callout_len_allowed = '%d'KB and callout length of fp = '%d'. so skipping the data of flowpath = '%lld' from callouts",
       tqp_max_callout_len_allowed_in_kb, segment->callout_len, static_cast<long long>(segment->self_fpi));
   return true;

@@ -112,12 +112,13 @@ static void add_sums(concurrent_flowpath_t *fp, const segment_fp_t *segment) {
 
 // A large segment gives its memory back at once: a flowpath may wait long for its other segments.
 static void empty_blob(segment_fp_t *segment) {
-  const bool large = static_cast<int64_t>(segment->seq_blob.size) > tqp_free_fp_min_sqb_size;
+  const bool large = segment->sqb_malloced_len > tqp_free_fp_min_sqb_size;
   wllb_text_clear(segment->seq_blob);
   if (!large)
     return;
   wllb_text_free(segment->seq_blob, "Segment Sequence Blob");
   wllb_text_free(segment->signstr, "Segment Signature");
+  segment->sqb_malloced_len = segment->signstr_malloced_len = 0;
   method_call_stack_free(segment);
 }
 
@@ -293,13 +294,14 @@ static bool run_segment(tqp_instance_t *inst, concurrent_flowpath_t *fp, segment
   segment->init_params = -1;
   if (!chk_fp_is_wl_initiated_tx(self_fpi) && omit_non_wl_flowpaths)
     return true;
-  const char *begin_seq_num = wllb_text_str(segment->begin_seq_num);
-  pending_segment_fp_t *pending = search_pending_segment_array_using_begin_seq_number(inst, fp, begin_seq_num);
+  // A segment that never had a number is none of those that have one, not even of the empty one.
+  pending_segment_fp_t *pending =
+      search_pending_segment_array_using_begin_seq_number(inst, fp, segment->begin_seq_num.data);
   if (!pending) {
     wllb_trace(
         1, "Error",
         "Flowpath segment could not be searched in pending segment array using begin seq num ('%s') for main_fpi=%lld; self_fpi=%lld, confpptr = %p",
-        begin_seq_num, static_cast<long long>(fp->main_fpi), static_cast<long long>(self_fpi),
+        wllb_text_str(segment->begin_seq_num), static_cast<long long>(fp->main_fpi), static_cast<long long>(self_fpi),
         static_cast<const void *>(fp));
     remove_from_segment_array(inst, fp, -1, self_fpi);
     return false;

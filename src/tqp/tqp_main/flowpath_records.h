@@ -128,9 +128,10 @@ struct segment_fp_t {
   int32_t tags_norm_id;
 
   // --- the blob: the parsers ---------------------------------------------------------------------------------
-  int32_t seq_num;    // running
-  wllb_text seq_blob; // rewritten blob
-  wllb_text signstr;  // signature source, only with tqp_generate_fp_signatures
+  int32_t seq_num;                                // running
+  wllb_text seq_blob;                             // rewritten blob
+  wllb_text signstr;                              // signature source, only with tqp_generate_fp_signatures
+  int64_t sqb_malloced_len, signstr_malloced_len; // bytes that these two are said to have
   record_array<method_call_stack_t> method_call_stack;
   wllb_text side_texts;                  // exit form: of the rows
   int64_t side_pieces;                   // in there, that are still to be written

@@ -207,7 +207,7 @@ static id_range ids_of(const id_source &source, int flag) {
   wllb_hold hold(*source.lock);
   if (!source.table->nt)
     return {1, INT_MAX};
-  const int highest = std::max(source.table->prev_id, 0) & ~norm_id_flag;
+  const int highest = std::max(source.table->prev_id, 0) & ~flag;
   return {std::max(flag, 1), highest | flag};
 }
 
@@ -317,7 +317,9 @@ static void take_queries(tqp_instance_t *inst, sql_query_map_t *queries, int64_t
   if (!std::is_sorted(queries, queries + num, is_before))
     std::stable_sort(queries, queries + num, is_before);
   for (const sql_query_map_t &query : std::span(queries, static_cast<size_t>(num))) {
-    const bool known = query.norm_id == 0 || (query.norm_id < norm_id_flag ? prepared : nonprepared).has(query.norm_id);
+    // Ids of prepared queries may begin at the flag and above, too.
+    const bool known = query.norm_id == 0 || prepared.has(query.norm_id) ||
+                       (query.norm_id >= norm_id_flag && nonprepared.has(query.norm_id));
     if (!known || is_zero(query)) {
       ++count->bad;
       continue;

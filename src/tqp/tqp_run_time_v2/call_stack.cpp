@@ -5,6 +5,7 @@
 //   Thread  the instance's
 //   Failure an exit without its entry changes nothing; the parser tells it
 
+#include "blob_memory.h"
 #include "classic_form.h"
 
 #include "flowpath_files.h"
@@ -71,6 +72,7 @@ static void close_by_force(tqp_instance_t *inst, segment_fp_t *segment, int32_t 
   wllb_trace(4, "Info", "Last Record TS = %lld, entry record TS = %lld, walltime = %lld",
              static_cast<long long>(timestamp), static_cast<long long>(row.time_stamp),
              static_cast<long long>(wall_time));
+  tqp_count_memory_step(segment->sqb_malloced_len, segment->seq_blob, 99);
   tqp_join_blob(segment);
   segment->seq_num = static_cast<int32_t>(tqp_wrap_sum(segment->seq_num, 1));
   tqp_put_forced_exit_token(segment, row, timestamp);

@@ -6,6 +6,7 @@
 //           before stays
 // Sample:  17:99_0_120_0_17:99_1_35_4:0:0:0:0___  an entry at 120 ms, its exit 35 ms later
 
+#include "blob_memory.h"
 #include "classic_form.h"
 
 #include "flowpath_files.h"
@@ -78,6 +79,9 @@ static other_token run_callout(blob_reader *r, char *token) {
                static_cast<long long>(r->segment->self_fpi));
     return TOKEN_IGNORED;
   }
+  tqp_count_memory_of(
+      r->segment->sqb_malloced_len,
+      static_cast<int64_t>(r->segment->begin_seq_num.len + r->segment->seq_blob.len + 100 + strlen(token)));
   const int64_t announced = kind == 'x' ? tqp_blob_number(token + 1) : 0;
   if (handle_callout(r, token) < 0)
     return TOKEN_BAD;
@@ -165,6 +169,7 @@ static other_token run_token(blob_reader *r, classic_method *m) {
 static int find_method(blob_reader *r, classic_method *m) {
   while (!at_end(r)) {
     m->start = r->pos;
+    tqp_count_memory_step(r->segment->sqb_malloced_len, r->segment->seq_blob, 99);
     const other_token done = read_plain_method_field(r, m) ? TOKEN_IS_METHOD : run_token(r, m);
     if (done == TOKEN_BAD) {
       r->pos = r->end + 1;
@@ -452,9 +457,22 @@ static bool go_behind_method(const classic_run &run, const classic_method &m) {
 
 // A piece gives the segment its texts even when nothing goes into them: an empty blob is a blob.
 static void make_texts(const blob_reader *r) {
-  wllb_text_room(r->segment->seq_blob, 0, "Segment SQB realloc");
-  if (tqp_generate_fp_signatures && r->pos < r->end)
-    wllb_text_room(r->segment->signstr, 0, signature_label);
+  segment_fp_t *const segment = r->segment;
+  const int64_t length = std::max<int64_t>(0, r->end - r->pos);
+  wllb_text_room(segment->seq_blob, 0, "Segment SQB realloc");
+  tqp_count_memory_of(segment->sqb_malloced_len,
+                      length + static_cast<int64_t>(segment->seq_blob.len) + blob_memory_step);
+  if (!tqp_generate_fp_signatures || length == 0)
+    return;
+  wllb_text_room(segment->signstr, 0, signature_label);
+  tqp_count_memory_of(segment->signstr_malloced_len, length + static_cast<int64_t>(segment->signstr.len));
+}
+
+// Before each method.
+static void count_memory(segment_fp_t *segment) {
+  tqp_count_memory_step(segment->sqb_malloced_len, segment->seq_blob, 1023);
+  if (tqp_generate_fp_signatures)
+    tqp_count_memory_step(segment->signstr_malloced_len, segment->signstr, 99);
 }
 
 static int run_piece(blob_reader *r) {
@@ -463,6 +481,7 @@ static int run_piece(blob_reader *r) {
   if (r->segment->seq_blob.len != 0 && !at_end(r))
     tqp_put_token_separator(r->segment);
   while (!at_end(r)) {
+    count_memory(r->segment);
     if (tqp_blob_truncated(r))
       return 1;
     classic_method m;

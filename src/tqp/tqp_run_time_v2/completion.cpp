@@ -4,6 +4,7 @@
 //   Thread  the instance's
 //   Failure a segment without header loses its rows, not its timing; nothing here stops the instance
 
+#include "blob_memory.h"
 #include "flowpath_files.h"
 #include "flowpath_release.h"
 #include "fp_stats.h"
@@ -39,6 +40,7 @@ static int64_t minus(int64_t a, int64_t b) {
 
 // An exit with zero times, at the time of the last record.
 static void append_exit(segment_fp_t *segment, const method_call_stack_t &row, int64_t end) {
+  tqp_count_memory_step(segment->sqb_malloced_len, segment->seq_blob, 99);
   tqp_join_blob(segment);
   wllb_putter(segment->seq_blob, 96, "Segment Sequence Blob")
       .num(row.method_id)

@@ -7,6 +7,7 @@
 // Samples:  17:99_0:3:0_120   17:0_1:6:0_155_4:0:0:0:0_23_2
 
 #include "blob_fields.h"
+#include "blob_memory.h"
 #include "classic_form.h"
 #include "flowpath_files.h"
 #include "side_texts.h"
@@ -240,6 +241,20 @@ static void put_exit_token(wllb_putter &out, const method_call_stack_t &row) {
   out.put(':').num(row.suspension_children_time);
 }
 
+static void move_side_text(segment_fp_t *segment, side_text_t *side) {
+  const auto used = static_cast<int64_t>(segment->seq_blob.len);
+  tqp_move_side_text_to_blob(segment, side, blob_label);
+  const auto moved = static_cast<int64_t>(segment->seq_blob.len) - used;
+  if (moved != 0 && segment->sqb_malloced_len - used <= moved)
+    segment->sqb_malloced_len = moved + used + blob_memory_step;
+}
+
+static void count_memory(segment_fp_t *segment) {
+  tqp_count_memory_steps(segment->sqb_malloced_len, segment->seq_blob, 100);
+  if (tqp_generate_fp_signatures)
+    tqp_count_memory_steps(segment->signstr_malloced_len, segment->signstr, 100);
+}
+
 // Only an exit row carries its side texts out.
 static void put_row(segment_fp_t *segment, method_call_stack_t &row, bool first) {
   wllb_text &blob = segment->seq_blob;
@@ -249,8 +264,8 @@ static void put_row(segment_fp_t *segment, method_call_stack_t &row, bool first)
   if (row.entry_exit != 0) {
     put_exit_token(out, row);
     out.done(blob);
-    tqp_move_side_text_to_blob(segment, &row.callout_info, blob_label);
-    tqp_move_side_text_to_blob(segment, &row.uninstr_mtd, blob_label);
+    move_side_text(segment, &row.callout_info);
+    move_side_text(segment, &row.uninstr_mtd);
   } else {
     if (segment->entry_methods_count++ == 0)
       segment->entryPointId = row.method_id;
@@ -273,6 +288,7 @@ void create_sqb_and_append_fp_signature(tqp_instance_t * /*inst*/, segment_fp_t 
   const row_order order = sort_rows_and_tell(segment);
   for (int32_t i = 0; i < stack.used; ++i) {
     method_call_stack_t &row = stack.data[index_of(order.first[i])];
+    count_memory(segment);
     put_row(segment, row, i == 0);
     if (tqp_generate_fp_signatures)
       put_in_signature(segment->signstr, row);

@@ -164,8 +164,8 @@ static void put_map(FILE *file, const tqp_instance_t *inst, const loc2norm_row &
 static void put_segment(FILE *file, int slot_index, int index, const concurrent_flowpath_t &slot,
                         const segment_fp_t &segment) {
   fprintf(file, "%d.%d,%ld:%ld:%ld:%ld,%d,%d,%d,%d,%d,%d,%d,%d\n", slot_index, index, segment.self_fpi, slot.root_fpi,
-          segment.parent_fpi, slot.main_fpi, static_cast<int>(segment.seq_blob.size),
-          static_cast<int>(segment.signstr.size), static_cast<int>(segment.seq_blob.len),
+          segment.parent_fpi, slot.main_fpi, static_cast<int>(segment.sqb_malloced_len),
+          static_cast<int>(segment.signstr_malloced_len), static_cast<int>(segment.seq_blob.len),
           static_cast<int>(segment.signstr.len), segment.method_call_stack.used, segment.method_call_stack.room,
           segment.entry_methods_count, segment.entry_exit_methods_count);
 }
