@@ -164,6 +164,31 @@ TEST_F(flowpaths, a_large_segment_that_waits_loses_its_signature) {
   }
 }
 
+// With memory kept, sums of a flowpath dropped unwritten go out with the next segment in its place, which is the first one
+// given back of all that were dropped.
+TEST_F(flowpaths, a_new_agent_drops_what_is_in_flight_in_order) {
+  keywords("TQP_BINARY_FORMAT_FOR_METHOD_TIMING 0\nTQP_FREE_FP_MEM_ON_COMPLETION 0\n");
+  const auto header = [](int fpi) { return wllb_format("2,%d:5:0:0,1010,7,1.1,5,q,,1,2,3,thr\n", fpi); };
+  std::string lines = names + header(5) + header(6) + header(7) + "3,5:5:0:0,1_0_10_0_1_1_30_0___\n11,x,999\n";
+  for (int fpi = 100; fpi < 108; ++fpi)
+    lines += header(fpi);
+  raw(lines);
+  EXPECT_EQ(0, run().exit_status);
+  const auto timing = lines_of(data("TQMethodTiming.csv"));
+  ASSERT_EQ(1U, timing.size());
+  EXPECT_EQ("105", fields(timing[0])[13]) << "five new places, then the first old one";
+}
+
+TEST_F(flowpaths, a_closing_record_that_breaks_off_leaves_no_status) {
+  const std::string header = ",100,7,1,5,q,c,1,2,3,t,1,1,,,,1\n";
+  raw(names + "2,500:0:0:500" + header + one_method("500:0:0:500") + "2,600:0:0:600" + header +
+      "3,600:0:0:600,1:77_0_0_0_\n4,600:0:0:600,200\n4,600:0:0:600,0,12\n");
+  EXPECT_EQ(0, run().exit_status);
+  ASSERT_EQ(2U, rows().size());
+  EXPECT_EQ("0", fields(rows()[1])[16]);
+  EXPECT_EQ("0", fields(rows()[1])[6]);
+}
+
 TEST_F(flowpaths, a_segment_without_a_number_is_none_of_those_with_one) {
   raw(names + "2,700:7:0:700,100\n82,,702:7:700:700,105,2,0,0,q,c,1,2,3,thr,1,7,r,,9,5\n");
   EXPECT_EQ(0, run().exit_status);

@@ -69,7 +69,8 @@ void clear_loc2norm_tables(tqp_instance_t *inst, int kind) {
 static void drop_flowpaths(tqp_instance_t *inst) {
   wllb_trace(1, "Info", "Going to clean FP in Concurrent FP buffer. Last_occupied_fp_idx = %d",
              inst->last_occupied_fp_idx);
-  for (int slot = inst->last_occupied_fp_idx; slot >= 0; --slot)
+  const int last = inst->last_occupied_fp_idx; // moves when the last one is cleaned
+  for (int slot = 0; slot <= last; ++slot)
     tqp_clean_flowpath(inst, slot);
 }
 

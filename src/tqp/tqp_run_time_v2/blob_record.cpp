@@ -113,14 +113,18 @@ static bool cut_short(const blob_record_t &b) {
   return false;
 }
 
-static bool read_head(const blob_record_t &b) {
-  b.segment->status_code = static_cast<int16_t>(b.f->next_number());
+// A number that ends the line is none of a whole record's, and is not kept.
+static bool read_head_number(const blob_record_t &b, int16_t *target) {
+  const auto number = static_cast<int16_t>(b.f->next_number());
   if (b.f->ended)
     return cut_short(b);
-  if (b.inst->bt_category_flag != 2)
-    return true;
-  b.segment->bt_category = static_cast<int16_t>(b.f->next_number());
-  return b.f->ended ? cut_short(b) : true;
+  *target = number;
+  return true;
+}
+
+static bool read_head(const blob_record_t &b) {
+  return read_head_number(b, &b.segment->status_code) &&
+         (b.inst->bt_category_flag != 2 || read_head_number(b, &b.segment->bt_category));
 }
 
 // Tells which part of the times is missing, by the number of those that came.
