@@ -85,8 +85,15 @@ static bool lies_beyond_map(const tqp_instance_t *inst, const int64_t (&numbers)
   return i == BACKEND_SUB_TYPE && numbers[BACKEND_TYPE] == BACKEND_SQL && numbers[i] > inst->sql_query_map_size;
 }
 
+static int32_t backend_sub_type_of(const tqp_instance_t *inst, const int64_t (&numbers)[N_NUMBERS]) {
+  const auto sub_type = static_cast<int32_t>(numbers[BACKEND_SUB_TYPE]);
+  if (numbers[BACKEND_TYPE] != BACKEND_SQL || sub_type < 0)
+    return sub_type;
+  return sql_query_map_read_loc2norm(inst->sql_query_map.data, sub_type, inst->sql_query_map_size, nullptr);
+}
+
 // False, after it has been told why: the record is dropped.
-static bool read_numbers(tq_event &ev, int64_t timestamp, int64_t (&numbers)[N_NUMBERS]) {
+static bool read_numbers(tq_event &ev, int64_t timestamp, int64_t (&numbers)[N_NUMBERS], excp_row *row_out) {
   for (int i = 0; i < N_NUMBERS; ++i) {
     const excp_number_row &row = number_rows[i];
     numbers[i] = row.empty;
@@ -104,6 +111,11 @@ static bool read_numbers(tq_event &ev, int64_t timestamp, int64_t (&numbers)[N_N
       tqp_rawdata_error(ev.inst, "%s", row.unknown);
       return false;
     }
+    // What an id means is asked as soon as it is read: an agent that is asked for a later one may tell this one anew.
+    if (i == METHOD)
+      row_out->method_norm_id = ev.inst->method_map.at_or_zero(numbers[METHOD]);
+    if (i == BACKEND_SUB_TYPE)
+      row_out->backend_sub_type = backend_sub_type_of(ev.inst, numbers);
   }
   return true;
 }
@@ -114,15 +126,9 @@ static int64_t flowpath_id_of(const char *text) {
   return strtoll(colon && colon[1] ? colon + 1 : text, nullptr, 10);
 }
 
-static int32_t backend_sub_type_of(const tqp_instance_t *inst, const int64_t (&numbers)[N_NUMBERS]) {
-  const auto sub_type = static_cast<int32_t>(numbers[BACKEND_SUB_TYPE]);
-  if (numbers[BACKEND_TYPE] != BACKEND_SQL || sub_type < 0)
-    return sub_type;
-  return sql_query_map_read_loc2norm(inst->sql_query_map.data, sub_type, inst->sql_query_map_size, nullptr);
-}
-
 void tq_run_exception(tq_event &ev) {
   excp_row row = {};
+  row.backend_sub_type = static_cast<int32_t>(number_rows[BACKEND_SUB_TYPE].empty);
   row.flowpath_id = flowpath_id_of(ev.f.next());
   if (ev.f.ended)
     return tqp_incomplete_record(ev.inst);
@@ -130,7 +136,7 @@ void tq_run_exception(tq_event &ev) {
   if (ev.f.ended)
     return tqp_incomplete_record(ev.inst);
   int64_t numbers[N_NUMBERS];
-  if (!read_numbers(ev, strtoll(row.timestamp, nullptr, 10), numbers))
+  if (!read_numbers(ev, strtoll(row.timestamp, nullptr, 10), numbers, &row))
     return;
   row.stack_trace = ev.f.next();
   if (!ev.f.ended)
@@ -142,9 +148,7 @@ void tq_run_exception(tq_event &ev) {
   row.line = whole(LINE);
   row.msg = whole(MSG);
   row.cause = whole(CAUSE);
-  row.method_norm_id = ev.inst->method_map.at_or_zero(numbers[METHOD]);
   row.method_line = whole(METHOD_LINE);
   row.backend_type = whole(BACKEND_TYPE);
-  row.backend_sub_type = backend_sub_type_of(ev.inst, numbers);
   csv_dump_excp_data(ev.inst, &row, 0);
 }
