@@ -144,7 +144,7 @@ TEST_F(recovery_damage, offsets_always_lead_to_the_beginning_of_a_line) {
     EXPECT_TRUE(whole ? at == saved : at == 0 || (at <= saved && data[static_cast<size_t>(at) - 1] == '\n')) << at;
   });
   const long size = static_cast<long>(data.size());
-  put_file(raw_dir + ".tier_server_app.txt.offset", std::to_string(size + 13)); // with 13 bytes of the partition before
+  put_file(raw_dir + ".tier_server_app.txt.offset", std::to_string(size + 13));
   tqp_close_stream(&inst->raw_data_file_offset_fp);
   check_offset_file_and_seek_raw_file(inst, raw_fp.get());
   EXPECT_EQ(size, ftell(raw_fp.get())) << "nothing is read twice";

@@ -50,8 +50,7 @@ static void read_offset(tqp_instance_t *inst) {
 }
 
 // Part of a line could be taken for another record, so a damaged number goes back to where its line begins. One behind the
-// end of the file goes back to the last line's end: a fragment carried over from the partition before counts in the number,
-// and nothing must be read twice for that.
+// end of the file goes back to the end of the last line there: what the file has was read, and is not read twice.
 static void keep_to_lines(tqp_instance_t *inst, FILE *raw_fp) {
   const int fd = fileno(raw_fp);
   const int64_t saved = inst->raw_data_file_offset;
