@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <getopt.h>
 #include <unistd.h>
 
 #include "online_run.h"
@@ -18,43 +17,8 @@
 #include "sample_model.h"
 #include "sample_records.h"
 #include "sample_stream.h"
+#include "wllb_options.h"
 #include "wllb_util.h"
-
-static const char usage_text[] =
-    "tq_sample --dir WORKDIR --testrun N [options]\n"
-    "  makes the test run WORKDIR/logs/TR<N> with raw data of made-up agents; the same options give the same bytes\n"
-    "\n"
-    "  --seed S               other data of the same kind (default 1)\n"
-    "  --instances N          application instances, two to a tier, in six tiers at most (4)\n"
-    "  --partitions N         partitions, an hour each (2)\n"
-    "  --start TIME           begin of the first partition, YYYYMMDDHHMMSS in UTC (20260302090000)\n"
-    "  --flowpaths N          flowpaths of each instance, over all partitions (200)\n"
-    "  --mb N                 instead: megabytes of each instance, over all partitions\n"
-    "  --mix NAME             all: whole agents (default); discovery: method announcements and skipped records;\n"
-    "                         skipped: records that readers pass over\n"
-    "  --flowpath-methods N   about so many methods in a flowpath's first segment (40)\n"
-    "  --in-flight N          flowpaths of an instance whose records interleave (8)\n"
-    "  --form NAME            call trees in the classic form, the exit form, or both: every second instance (both)\n"
-    "  --keywords TEXT        lines of the keyword file, parted by semicolons: \"KEY VALUE;KEY VALUE\"\n"
-    "  --agents NAME          new (default), or old: of the version that is asked for metadata in the old form\n"
-    "  --forget N             leave out every Nth announcement of an id, so that a reader must ask for it\n"
-    "  --rate BYTES           append to the last partition: so many bytes a second for all files together,\n"
-    "  --seconds N            for so long (10; with --online: until SIGTERM); the writes are cut anywhere\n"
-    "  --end, --no-end        end all flowpaths and close each file with its end record (without --rate: --end)\n"
-    "\n"
-    "  --online               play the collector and the parent of a live run beside the appending (--rate 100000):\n"
-    "                         answer on two ports of 127.0.0.1, which are told first\n"
-    "  --port N               the collector's port (0: any)\n"
-    "  --switch-every N       a new partition every N seconds\n"
-    "  --add-after N          one more instance comes after N seconds, told\n"
-    "  --add-with NAME        as active (default), enable or discovery\n"
-    "  --remove-after N       the first instance goes after N seconds, told\n"
-    "  --remove-with NAME     as inactive (default), disable or remove\n"
-    "  --metadata-replies NAME  good (default), late: after 2 s, split: in pieces, wrong: a new fault each time, silent,\n"
-    "                         closed: in the middle\n"
-    "  --linger N             answer on for N seconds when all is written (0)\n"
-    "  --quiet                no words about monitors, their samples and requests\n"
-    "  --help\n";
 
 struct sample_options : online_options {
   std::string dir, start = "20260302090000", keywords;
@@ -69,111 +33,83 @@ struct sample_options : online_options {
 
 // --- command line ---------------------------------------------------------------------------------------------
 
-struct number_option {
-  const char *name;
-  int64_t sample_options::*value;
-  int64_t min, max;
+static constexpr wllb_program program = {
+    .name = "tq_sample",
+    .synopsis = "--dir DIR --testrun N [options]",
+    .about =
+        "Makes the test run DIR/logs/TR<N> with raw data of made-up agents; the same options give the same bytes."};
+
+// What stands for enumerations; words are in the order of their values.
+struct sample_words {
+  int mix = SAMPLE_MIX_ALL, form = SAMPLE_BOTH, agents = 0;
+  int add_with = ONLINE_ADD_ACTIVE, remove_with = ONLINE_REMOVE_INACTIVE, replies = ONLINE_GOOD;
 };
 
-static constexpr number_option number_options[] = {
-    // clang-format off
-  {"testrun",          &sample_options::testrun,       0, 2147483647},
-  {"seed",             &sample_options::seed,          0, INT64_MAX},
-  {"instances",        &sample_options::instances,     1, 1000},
-  {"partitions",       &sample_options::partitions,    1, 1000},
-  {"flowpaths",        &sample_options::flowpaths,     0, 1000000000},
-  {"mb",               &sample_options::mb,            0, 1000000},
-  {"flowpath-methods", &sample_options::methods,       1, 10000000},
-  {"in-flight",        &sample_options::in_flight,     1, 100000},
-  {"rate",             &sample_options::rate,          1, 10000000000},
-  {"seconds",          &sample_options::seconds,       1, 1000000},
-  {"forget",           &sample_options::forget,        0, 1000000},
-  {"port",             &sample_options::port,          0, 65535},
-  {"switch-every",     &sample_options::switch_every,  1, 1000000},
-  {"add-after",        &sample_options::add_after,     1, 1000000},
-  {"remove-after",     &sample_options::remove_after,  1, 1000000},
-  {"linger",           &sample_options::linger,        0, 1000000},
-}; // clang-format on
-
-struct word_option {
-  const char *name, *word;
-  void (*take)(sample_options &);
-};
-
-static constexpr word_option word_options[] = {
-    // clang-format off
-  {"mix",              "all",       [](sample_options &o) { o.mix = SAMPLE_MIX_ALL; }},
-  {"mix",              "discovery", [](sample_options &o) { o.mix = SAMPLE_MIX_DISCOVERY; }},
-  {"mix",              "skipped",   [](sample_options &o) { o.mix = SAMPLE_MIX_SKIPPED; }},
-  {"form",             "both",      [](sample_options &o) { o.forms = SAMPLE_BOTH; }},
-  {"form",             "classic",   [](sample_options &o) { o.forms = SAMPLE_CLASSIC; }},
-  {"form",             "exit",      [](sample_options &o) { o.forms = SAMPLE_EXIT; }},
-  {"agents",           "new",       [](sample_options &o) { o.old_agents = false; }},
-  {"agents",           "old",       [](sample_options &o) { o.old_agents = true; }},
-  {"add-with",         "active",    [](sample_options &o) { o.add_with = ONLINE_ADD_ACTIVE; }},
-  {"add-with",         "enable",    [](sample_options &o) { o.add_with = ONLINE_ADD_ENABLE; }},
-  {"add-with",         "discovery", [](sample_options &o) { o.add_with = ONLINE_ADD_DISCOVERY; }},
-  {"remove-with",      "inactive",  [](sample_options &o) { o.remove_with = ONLINE_REMOVE_INACTIVE; }},
-  {"remove-with",      "disable",   [](sample_options &o) { o.remove_with = ONLINE_REMOVE_DISABLE; }},
-  {"remove-with",      "remove",    [](sample_options &o) { o.remove_with = ONLINE_REMOVE_REMOVE; }},
-  {"metadata-replies", "good",      [](sample_options &o) { o.replies = ONLINE_GOOD; }},
-  {"metadata-replies", "late",      [](sample_options &o) { o.replies = ONLINE_LATE; }},
-  {"metadata-replies", "split",     [](sample_options &o) { o.replies = ONLINE_SPLIT; }},
-  {"metadata-replies", "wrong",     [](sample_options &o) { o.replies = ONLINE_WRONG; }},
-  {"metadata-replies", "silent",    [](sample_options &o) { o.replies = ONLINE_SILENT; }},
-  {"metadata-replies", "closed",    [](sample_options &o) { o.replies = ONLINE_CLOSED; }},
-}; // clang-format on
-
-struct flag_option {
-  const char *name;
-  void (*take)(sample_options &);
-};
-
-static constexpr flag_option flag_options[] = {{"end", [](sample_options &o) { o.end = 1; }},
-                                               {"no-end", [](sample_options &o) { o.end = 0; }},
-                                               {"online", [](sample_options &o) { o.online = true; }},
-                                               {"quiet", [](sample_options &o) { o.quiet = true; }}};
-
-static bool take_number(sample_options &options, const number_option &row, const char *text) {
-  char *end = nullptr;
-  const int64_t value = strtoll(text, &end, 10);
-  if (end == text || *end != '\0' || value < row.min || value > row.max) {
-    fprintf(stderr, "--%s wants a number from %lld to %lld, not '%s'\n", row.name, static_cast<long long>(row.min),
-            static_cast<long long>(row.max), text);
-    return false;
-  }
-  options.*row.value = value;
-  return true;
+static std::vector<wllb_option> option_rows(sample_options &o, sample_words &w) {
+  const auto set_end = [&o](int end) {
+    return [&o, end](const char *) {
+      o.end = end;
+      return std::string();
+    };
+  };
+  return {
+      // clang-format off
+  {.name = "dir", .value = "DIR", .help = "working directory; made if it is not there", .required = true, .text = &o.dir},
+  {.name = "testrun", .value = "N", .help = "number of the test run", .required = true, .number = &o.testrun},
+  {.name = "seed", .value = "S", .help = "other data of the same kind", .number = &o.seed, .max = INT64_MAX},
+  {.name = "keywords", .value = "TEXT", .help = "lines of the keyword file, separated by semicolons: \"KEY VALUE;KEY VALUE\"",
+   .text = &o.keywords},
+  {.help = "How much:"},
+  {.name = "instances", .value = "N", .help = "application instances, two to a tier, in six tiers at most",
+   .number = &o.instances, .min = 1, .max = 1000},
+  {.name = "partitions", .value = "N", .help = "partitions, an hour each", .number = &o.partitions, .min = 1, .max = 1000},
+  {.name = "start", .value = "TIME", .help = "begin of the first partition, YYYYMMDDHHMMSS in UTC", .text = &o.start},
+  {.name = "flowpaths", .value = "N", .help = "flowpaths of each instance, over all partitions", .number = &o.flowpaths,
+   .max = 1000000000},
+  {.name = "mb", .value = "MB", .help = "instead: megabytes of each instance, over all partitions", .default_text = "",
+   .number = &o.mb, .max = 1000000},
+  {.help = "Of what kind:"},
+  {.name = "mix", .value = "NAME", .help = "discovery: method announcements and skipped records; skipped: records that readers pass over; all: whole agents",
+   .words = "discovery|skipped|all", .chosen = &w.mix},
+  {.name = "flowpath-methods", .value = "N", .help = "about so many methods in a flowpath's first segment",
+   .number = &o.methods, .min = 1, .max = 10000000},
+  {.name = "in-flight", .value = "N", .help = "flowpaths of an instance whose records interleave", .number = &o.in_flight,
+   .min = 1, .max = 100000},
+  {.name = "form", .value = "NAME", .help = "form of the call trees; both: every second instance", .words = "classic|exit|both",
+   .chosen = &w.form},
+  {.name = "agents", .value = "NAME", .help = "old agents are asked for metadata in the old form", .words = "new|old",
+   .chosen = &w.agents},
+  {.name = "forget", .value = "N", .help = "leave out every Nth announcement of an id, so that a reader must ask for it; 0: none",
+   .number = &o.forget, .max = 1000000},
+  {.help = "Appending to the last partition, as a collector does:"},
+  {.name = "rate", .value = "BYTES", .help = "bytes a second for all files together; the writes are cut anywhere",
+   .default_text = "off, with --online 100000", .number = &o.rate, .min = 1, .max = 10000000000},
+  {.name = "seconds", .value = "SEC", .help = "for so long", .default_text = "10, with --online until SIGTERM",
+   .number = &o.seconds, .min = 1, .max = 1000000},
+  {.name = "end", .help = "end all flowpaths and close each file with its end record (default without --rate)", .take = set_end(1)},
+  {.name = "no-end", .help = "do not (default with --rate)", .take = set_end(0)},
+  {.help = "Playing the collector and the parent of a live run, on two ports of 127.0.0.1 that are printed first:"},
+  {.name = "online", .help = "do so beside the appending", .flag = &o.online},
+  {.name = "port", .value = "N", .help = "the collector's port; 0: any", .number = &o.port, .max = 65535},
+  {.name = "switch-every", .value = "SEC", .help = "a new partition so often", .default_text = "never", .number = &o.switch_every,
+   .min = 1, .max = 1000000},
+  {.name = "add-after", .value = "SEC", .help = "one more instance comes, and is announced", .default_text = "never",
+   .number = &o.add_after, .min = 1, .max = 1000000},
+  {.name = "add-with", .value = "NAME", .help = "announced as", .words = "active|enable|discovery", .chosen = &w.add_with},
+  {.name = "remove-after", .value = "SEC", .help = "the first instance goes, which is announced", .default_text = "never",
+   .number = &o.remove_after, .min = 1, .max = 1000000},
+  {.name = "remove-with", .value = "NAME", .help = "announced as", .words = "inactive|disable|remove", .chosen = &w.remove_with},
+  {.name = "metadata-replies", .value = "NAME",
+   .help = "answers of the agents; late: after 2 s, split: in pieces, wrong: a new fault each time, closed: in the middle",
+   .words = "good|late|split|wrong|silent|closed", .chosen = &w.replies},
+  {.name = "linger", .value = "SEC", .help = "answer on for so long when all is written", .number = &o.linger, .max = 1000000},
+  {.name = "quiet", .help = "do not print monitors, their samples and requests", .flag = &o.quiet},
+      // clang-format on
+  };
 }
 
-static bool take_word(sample_options &options, const char *name, const char *text) {
-  for (const word_option &row : word_options)
-    if (strcmp(row.name, name) == 0 && strcmp(row.word, text) == 0) {
-      row.take(options);
-      return true;
-    }
-  fprintf(stderr, "--%s does not know '%s'\n", name, text);
-  return false;
-}
-
-static bool take_option(sample_options &options, const char *name, const char *text) {
-  for (const number_option &row : number_options)
-    if (strcmp(row.name, name) == 0)
-      return take_number(options, row, text);
-  for (const word_option &row : word_options)
-    if (strcmp(row.name, name) == 0)
-      return take_word(options, name, text);
-  for (const flag_option &row : flag_options)
-    if (strcmp(row.name, name) == 0) {
-      row.take(options);
-      return true;
-    }
-  (strcmp(name, "dir") == 0 ? options.dir : strcmp(name, "start") == 0 ? options.start : options.keywords) = text;
-  return true;
-}
-
-// What was not said, and depends on what was. False: the options do not go together.
-static bool complete_options(sample_options &options) {
+// What was not given, and depends on what was. The exit status when the options do not go together.
+static std::optional<int> complete_options(sample_options &options) {
   if (options.seconds == 0)
     options.seconds = options.online ? 1'000'000'000 : 10;
   if (options.online && options.rate == 0)
@@ -182,41 +118,21 @@ static bool complete_options(sample_options &options) {
     options.keywords = "ENABLE_FP_STAT_MONITOR 1;TQP_MONITORS 1 1;" + options.keywords;
   const int64_t live = options.switch_every + options.add_after + options.remove_after + options.linger;
   if (live > 0 && !options.online)
-    fputs("--switch-every, --add-after, --remove-after and --linger want --online\n", stderr);
-  return live == 0 || options.online;
+    return wllb_report_mistake(program, "--switch-every, --add-after, --remove-after and --linger need --online");
+  return std::nullopt;
 }
 
-static bool read_command_line(sample_options &options, int argc, char **argv) {
-  std::vector<option> rows;
-  for (const number_option &row : number_options)
-    rows.push_back({row.name, required_argument, nullptr, 0});
-  for (const char *name :
-       {"dir", "start", "keywords", "mix", "form", "agents", "add-with", "remove-with", "metadata-replies"})
-    rows.push_back({name, required_argument, nullptr, 0});
-  for (const flag_option &row : flag_options)
-    rows.push_back({row.name, no_argument, nullptr, 0});
-  rows.push_back({"help", no_argument, nullptr, 0});
-  rows.push_back({});
-  int which = 0;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
-  for (int found = 0; (found = getopt_long(argc, argv, "", rows.data(), &which)) != -1;) {
-    if (found != 0)
-      return false; // getopt_long has said why
-    const char *name = rows[static_cast<size_t>(which)].name;
-    if (strcmp(name, "help") == 0) {
-      fputs(usage_text, stdout);
-      exit(0); // NOLINT(concurrency-mt-unsafe): there is one thread
-    }
-    if (!take_option(options, name, optarg))
-      return false;
-  }
-  if (optind < argc)
-    fprintf(stderr, "Nothing is known of '%s'\n", argv[optind]);
-  else if (options.dir.empty() || options.testrun < 0)
-    fputs("--dir and --testrun are needed; --help tells more\n", stderr);
-  else
-    return complete_options(options);
-  return false;
+static std::optional<int> read_command_line(sample_options &options, int argc, char **argv) {
+  sample_words words;
+  if (const auto status = wllb_read_options(program, option_rows(options, words), argc, argv))
+    return status;
+  options.mix = static_cast<sample_mix>(words.mix);
+  options.forms = static_cast<sample_forms>(words.form);
+  options.old_agents = words.agents == 1;
+  options.add_with = static_cast<online_add_message>(words.add_with);
+  options.remove_with = static_cast<online_remove_message>(words.remove_with);
+  options.replies = static_cast<online_replies>(words.replies);
+  return complete_options(options);
 }
 
 // "KEY VALUE;KEY VALUE" as lines. A piece without a blank is no keyword: it belongs to the value before, which had a
@@ -373,14 +289,13 @@ static void print_totals(const sample_run &run) {
 
 int main(int argc, char **argv) {
   sample_run run = {};
-  if (!read_command_line(run.options, argc, argv))
-    return 1;
+  if (const auto status = read_command_line(run.options, argc, argv))
+    return *status;
   const sample_options &options = run.options;
   const int testrun = static_cast<int>(options.testrun);
-  if (!sample_plan_layout(&run.layout, options.dir, testrun, static_cast<int>(options.partitions), options.start)) {
-    fprintf(stderr, "--start wants YYYYMMDDHHMMSS, from 2020 on, not '%s'\n", options.start.c_str());
-    return 1;
-  }
+  if (!sample_plan_layout(&run.layout, options.dir, testrun, static_cast<int>(options.partitions), options.start))
+    return wllb_report_mistake(program,
+                               wllb_format("--start: '%s' is not YYYYMMDDHHMMSS, from 2020 on", options.start.c_str()));
   if (sample_make_layout(run.layout, options.dir, testrun, keyword_lines(options.keywords), options.online) != 0)
     return 1;
   make_streams(run);

@@ -6,27 +6,20 @@
 #include "top_sources.h"
 
 #include "wllb_alloc.h"
+#include "wllb_options.h"
 #include "wllb_util.h"
 
 #include <chrono>
-#include <climits>
 #include <cstdlib>
-#include <getopt.h>
 #include <unistd.h>
 
-static const char usage_text[] =
-    "tqtop --dir WORKDIR --testrun N [options]\n"
-    "  shows what the daemon that works on WORKDIR/logs/TR<N> is doing, an instance a line\n"
-    "\n"
-    "  --interval SECONDS  between two pictures; rates are over this time (2)\n"
-    "  --once              one picture, for scripts; --rounds N: so many\n"
-    "  --samples FILE      errors by kind from the newest health samples in this file (monitor_samples.txt of the test run,\n"
-    "                      where tq_sample --online keeps them)\n"
-    "  --open              counts the flowpaths in flight, too: the daemon dumps them for it\n"
-    "  --help\n"
-    "\n"
-    "  lag: bytes of the present raw file not yet read; parts: partitions still to come; lines/s, flowpaths/s: over the\n"
-    "  interval, flowpaths by their rows, which come in batches; errors: since the sample before; -: not known\n";
+static constexpr wllb_program program = {
+    .name = "tqtop",
+    .synopsis = "--dir DIR --testrun N [options]",
+    .about = "Shows what the daemon that works on DIR/logs/TR<N> is doing, an instance a line.",
+    .notes = "lag: bytes of the present raw file not yet read; parts: partitions still to come;\n"
+             "lines/s, flowpaths/s: over the interval, flowpaths by their rows, which come in\n"
+             "batches; errors: since the sample before; -: not known\n"};
 
 struct top_options {
   std::string dir, samples;
@@ -152,68 +145,28 @@ static int show_rounds(top_run &run, const top_options &options) {
 
 // --- command line ------------------------------------------------------------------------------------------------
 
-enum option_id { OPT_DIR = 1, OPT_TESTRUN, OPT_INTERVAL, OPT_ONCE, OPT_ROUNDS, OPT_SAMPLES, OPT_OPEN, OPT_HELP };
-
-static constexpr option long_options[] = {
-    // clang-format off
-  {"dir",      required_argument, nullptr, OPT_DIR},
-  {"testrun",  required_argument, nullptr, OPT_TESTRUN},
-  {"interval", required_argument, nullptr, OPT_INTERVAL},
-  {"once",     no_argument,       nullptr, OPT_ONCE},
-  {"rounds",   required_argument, nullptr, OPT_ROUNDS},
-  {"samples",  required_argument, nullptr, OPT_SAMPLES},
-  {"open",     no_argument,       nullptr, OPT_OPEN},
-  {"help",     no_argument,       nullptr, OPT_HELP},
-  {},
-}; // clang-format on
-
-static bool take_number(const char *name, int64_t min, int64_t max, int64_t *value) {
-  char *end = nullptr;
-  *value = strtoll(optarg, &end, 10);
-  if (end != optarg && *end == '\0' && min <= *value && *value <= max)
-    return true;
-  fprintf(stderr, "--%s does not take '%s'\n", name, optarg);
-  return false;
-}
-
-static bool take_option(top_options &options, int id) {
-  switch (id) {
-  case OPT_DIR:
-    options.dir = optarg;
-    return true;
-  case OPT_TESTRUN:
-    return take_number("testrun", 0, INT_MAX, &options.testrun);
-  case OPT_INTERVAL:
-    return take_number("interval", 1, 3600, &options.interval);
-  case OPT_ONCE:
-    options.rounds = 1;
-    return true;
-  case OPT_ROUNDS:
-    return take_number("rounds", 1, INT_MAX, &options.rounds);
-  case OPT_SAMPLES:
-    options.samples = optarg;
-    return true;
-  case OPT_OPEN:
-    return options.open = true;
-  case OPT_HELP:
-    fputs(usage_text, stdout);
-    wllb_exit(0);
-  default:
-    return false; // getopt_long has said why
-  }
+static std::vector<wllb_option> option_rows(top_options &o) {
+  return {
+      // clang-format off
+  {.name = "dir", .value = "DIR", .help = "working directory of the daemon", .required = true, .text = &o.dir},
+  {.name = "testrun", .value = "N", .help = "number of the test run", .required = true, .number = &o.testrun},
+  {.name = "interval", .value = "SEC", .help = "time between two pictures; rates are over this time",
+   .number = &o.interval, .min = 1, .max = 3600},
+  {.name = "once", .help = "one picture, for scripts",
+   .take = [&o](const char *) { o.rounds = 1; return std::string(); }},
+  {.name = "rounds", .value = "N", .help = "so many pictures", .default_text = "no end", .number = &o.rounds, .min = 1},
+  {.name = "samples", .value = "FILE", .help = "errors by kind from the newest health samples in this file",
+   .default_text = "monitor_samples.txt of the test run, where tq_sample --online keeps them", .text = &o.samples},
+  {.name = "open", .help = "counts the flowpaths in flight, too: the daemon dumps them for it", .flag = &o.open},
+      // clang-format on
+  };
 }
 
 int main(int argc, char **argv) {
   wllb_install_new_handler();
   top_options options;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
-  for (int id = 0; (id = getopt_long(argc, argv, "", long_options, nullptr)) != -1;)
-    if (!take_option(options, id))
-      return 1;
-  if (optind < argc || options.dir.empty() || options.testrun < 0) {
-    fputs("--dir and --testrun are needed; --help tells more\n", stderr);
-    return 1;
-  }
+  if (const auto status = wllb_read_options(program, option_rows(options), argc, argv))
+    return *status;
   top_run run;
   run.base = options.dir + "/logs/TR" + std::to_string(options.testrun);
   run.pid = top_find_daemon(run);
