@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building and testing needs on Debian 12 and is not there yet. Reasons: docs/dependencies.md.
 set -euo pipefail
-packages=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libgtest-dev ccache clang-format at mawk)
+packages=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev libgtest-dev ccache clang-format at mawk)
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
