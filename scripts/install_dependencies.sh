@@ -1,7 +1,22 @@
 #!/usr/bin/env bash
-# Installs what building and testing needs on Debian 12 and is not there yet. Reasons: docs/dependencies.md.
+# Installs what is not there yet on Debian 12. Reasons: docs/dependencies.md.
+#   scripts/install_dependencies.sh [build|test|check]...     build (default): what building the programs takes;
+#                                                            test: also what tests use; check: also what CI's checks use
 set -euo pipefail
-packages=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev libgtest-dev ccache clang-format at mawk)
+
+build=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev ccache at)
+test=(libgtest-dev mawk)
+check=(clang clang-format clang-tidy shellcheck)
+
+packages=("${build[@]}")
+for list in "${@:-build}"; do
+  case $list in
+    build) ;;
+    test) packages+=("${test[@]}") ;;
+    check) packages+=("${check[@]}") ;;
+    *) echo "install_dependencies.sh: there is no list $list" >&2; exit 1 ;;
+  esac
+done
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing+=("$package")
