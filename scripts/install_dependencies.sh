@@ -4,7 +4,7 @@
 #                                                            test: also what tests use; check: also what CI's checks use
 set -euo pipefail
 
-build=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev ccache at)
+build=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev ccache mold at)
 test=(libgtest-dev mawk)
 check=(clang clang-format clang-tidy shellcheck)
 
