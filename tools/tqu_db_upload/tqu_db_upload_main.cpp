@@ -5,7 +5,7 @@
 //   Failure exit status 1 and a line on standard error; the daemon starts the program again
 // SIGRTMIN+2: a new partition, looked at now. SIGRTMIN+3: the test is over, takes the rest and leaves. SIGTERM, or the
 // daemon's end: leaves at the next piece.
-#include "upload_rounds.h"
+#include "upload_driver.h"
 
 #include "wllb_alloc.h"
 #include "wllb_util.h"
@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <poll.h>
+#include <set>
 #include <sys/signalfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -129,22 +130,23 @@ static void look(upload_watch *watch, int ms) {
 // --- rounds -------------------------------------------------------------------------------------------------
 
 // A loader of a daemon that was killed may still be on its way out.
-static bool open_driver(upload_rounds *rounds, upload_watch *watch) {
+static bool open_driver(upload_driver *driver, const upload_options &options, upload_watch *watch,
+                        tqread::file_positions *positions) {
   upload_opened opened;
-  while ((opened = rounds->driver->open(rounds->options, &rounds->positions)) == UPLOAD_IN_USE && !watch->stop)
+  while ((opened = driver->open(options, positions)) == UPLOAD_IN_USE && !watch->stop)
     look(watch, 200);
   return opened != UPLOAD_FAILED;
 }
 
 // True: go on with the next round.
-static bool run_round(upload_rounds *rounds, upload_watch *watch, int *status) {
+static bool run_round(tqread::follower *follower, const upload_options &options, upload_watch *watch, int *status) {
   look(watch, 0);
   const bool was_over = watch->over; // before the files are listed
   bool took = false;
-  for (int cycle = 0; cycle < rounds->options.num_cycles && !watch->stop; ++cycle) {
-    const upload_passed passed = upload_pass(rounds);
-    took = took || passed == UPLOAD_TOOK_SOME;
-    if (passed == UPLOAD_DRIVER_FAILED) {
+  for (int cycle = 0; cycle < options.num_cycles && !watch->stop; ++cycle) {
+    const tqread::pass_result passed = follower->pass();
+    took = took || passed == tqread::pass_result::took_some;
+    if (passed == tqread::pass_result::sink_failed) {
       *status = 1;
       return false;
     }
@@ -152,7 +154,7 @@ static bool run_round(upload_rounds *rounds, upload_watch *watch, int *status) {
   if (was_over && !took)
     return false;
   if (!watch->over)
-    look(watch, rounds->options.idle_time * 1000);
+    look(watch, options.idle_time * 1000);
   return !watch->stop;
 }
 
@@ -160,21 +162,21 @@ int main(int argc, char **argv) {
   const sigset_t signals = watched_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr); // first of all: each of them ends a process that does not expect it
   wllb_install_new_handler();
-  upload_rounds rounds = {};
+  upload_options options = {};
   upload_watch watch;
-  if (!read_command_line(argc, argv, &rounds.options) || !find_test_run(&rounds.options))
+  if (!read_command_line(argc, argv, &options) || !find_test_run(&options))
     return 1;
-  open_watch(&watch, signals, rounds.options.ppid);
+  open_watch(&watch, signals, options.ppid);
   const std::unique_ptr<upload_driver> driver = upload_make_journal();
-  rounds.driver = driver.get();
-  rounds.told_to_stop = [&watch] {
+  tqread::file_positions positions;
+  if (!open_driver(driver.get(), options, &watch, &positions))
+    return 1;
+  tqread::follower follower(options.run_dir, driver.get(), std::move(positions), [&watch] {
     look(&watch, 0);
     return watch.stop;
-  };
-  if (!open_driver(&rounds, &watch))
-    return 1;
+  });
   int status = 0;
-  while (!watch.stop && run_round(&rounds, &watch, &status)) {
+  while (!watch.stop && run_round(&follower, options, &watch, &status)) {
   }
   return status;
 }

@@ -24,8 +24,8 @@ struct upload_journal : upload_driver {
   wllb_fd file;
   std::string path;
 
-  upload_opened open(const upload_options &options, upload_positions *positions) override;
-  bool take(const upload_piece &piece, std::string_view rows) override;
+  upload_opened open(const upload_options &options, tqread::file_positions *positions) override;
+  bool take(const tqread::file_piece &piece, std::string_view rows) override;
 };
 
 } // namespace
@@ -40,7 +40,7 @@ static void own_as(int fd, const std::string &dir) {
     return; // it keeps the owner it has
 }
 
-static void replay_line(const char *line, upload_positions *positions) {
+static void replay_line(const char *line, tqread::file_positions *positions) {
   int64_t to = 0;
   uint64_t inode = 0;
   int path_at = 0;
@@ -49,7 +49,7 @@ static void replay_line(const char *line, upload_positions *positions) {
 }
 
 // Returns the bytes up to the end of the last whole line.
-static int64_t replay(int fd, upload_positions *positions) {
+static int64_t replay(int fd, tqread::file_positions *positions) {
   const wllb_file stream(fdopen(fcntl(fd, F_DUPFD_CLOEXEC, 0), "re"));
   int64_t whole = 0;
   if (!stream)
@@ -65,7 +65,7 @@ static int64_t replay(int fd, upload_positions *positions) {
   return whole;
 }
 
-upload_opened upload_journal::open(const upload_options &options, upload_positions *positions) {
+upload_opened upload_journal::open(const upload_options &options, tqread::file_positions *positions) {
   path = options.run_dir + "/tq/logs/tqu_db_upload.journal";
   mkdir_ex(path.c_str());
   if (file.fd < 0) // a link in the journal's place is not written to
@@ -82,7 +82,7 @@ upload_opened upload_journal::open(const upload_options &options, upload_positio
   return UPLOAD_READY;
 }
 
-bool upload_journal::take(const upload_piece &piece, std::string_view /*rows*/) {
+bool upload_journal::take(const tqread::file_piece &piece, std::string_view /*rows*/) {
   const std::string line =
       wllb_format("%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRIu64 ",%s\n", piece.partition, piece.from,
                   piece.to, piece.rows, piece.inode, piece.path.c_str());
