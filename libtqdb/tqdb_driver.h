@@ -81,7 +81,10 @@ struct load_driver {
   // finish() if the tables are empty. Called after open(), before the first unit, and again after each further open().
   virtual take_result begin_loading(bool bulk) = 0;
 
-  // Announces the next unit to an engine that has to note it before its rows. Others do nothing.
+  // An engine without transactions notes a unit before its rows: where announces() is true, announce() comes before the
+  // first add() of each unit, with all parts of files that the unit is going to have.
+  virtual bool announces() const { return false; }
+
   virtual take_result announce(const std::vector<load_span> & /*spans*/) { return TQDB_TAKEN; }
 
   // Rows of any table but load_position, as part of the unit. The batch can be cleared afterwards.

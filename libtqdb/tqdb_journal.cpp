@@ -109,15 +109,20 @@ open_result journal_driver::open(const load_scope &scope, load_state *state) {
   return TQDB_READY;
 }
 
+// A file that got another's name has a line without rows, under its new name.
 take_result journal_driver::commit(const load_positions &changed) {
   std::string lines;
   for (const auto &[name, p] : changed) {
-    const load_position before = reached[name];
+    if (p.taken < 0)
+      continue;
+    const bool renamed = std::any_of(changed.begin(), changed.end(), [&](const auto &other) {
+      return other.second.taken < 0 && other.second.inode == p.inode;
+    });
+    const load_position before = renamed ? p : reached[name];
     const int64_t partition = strtoll(name.c_str(), nullptr, 10); // 0: common files
-    const bool renamed = p.taken < 0 || before.inode != p.inode;
+    const bool anew = before.inode != p.inode;
     lines += wllb_format("%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRId64 ",%" PRIu64 ",%s\n", partition,
-                         renamed ? std::max<int64_t>(p.taken, 0) : before.taken, p.taken, p.rows - before.rows, p.inode,
-                         name.c_str());
+                         anew ? 0 : before.taken, p.taken, p.rows - before.rows, p.inode, name.c_str());
   }
   if (ftruncate(file.fd, end) != 0 || !wllb_write_at(file.fd, lines.data(), static_cast<int64_t>(lines.size()), end)) {
     error_text = path + ": " + wllb_strerror(errno);

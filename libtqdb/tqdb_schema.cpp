@@ -261,7 +261,6 @@ static constexpr table_index method_argument_indexes[] = {BY_FPI("method_argumen
 static constexpr column message_columns[] = {
     {"fpi", TQDB_I64, TQDB_DATA, ""},
     {"utc_ms", TQDB_I64, TQDB_TIME, ""},
-    {"app", TQDB_I32, TQDB_DATA, "the instance, see `instance`; 0: not known when it was loaded"},
     {"section", TQDB_I32, TQDB_DATA, "0 header, 1 properties, 2 text"},
     {"key_number", TQDB_I32, TQDB_DATA, "of the key in its message, from 1"},
     {"key_text", TQDB_TEXT, TQDB_DATA, ""},
@@ -303,8 +302,7 @@ static constexpr column blob_columns[] = {
     {"utc_ms", TQDB_I64, TQDB_TIME, "begin of the segment"},
     {"kind", TQDB_I8, TQDB_DATA, "1 call tree, 2 request detail, 3 logged values, 4 request body, 5 response body"},
     {"part", TQDB_I32, TQDB_DATA, "from 1; kinds 3 to 5 can have several"},
-    {"packed", TQDB_I8, TQDB_DATA, "1: a gzip member, 0: as it is"},
-    {"data", TQDB_BYTES, TQDB_DATA, ""},
+    {"data", TQDB_BYTES, TQDB_DATA, "not packed"},
 };
 static constexpr table_index blob_indexes[] = {BY_MAIN_FPI("blob")};
 
@@ -379,8 +377,9 @@ static constexpr column node_columns[] = {
 // The steps of the histogram: one table for the columns' names, and for whoever counts.
 #define DURATION_STEPS(X)                                                                                              \
   X(1)                                                                                                                 \
-  X(2) X(3) X(4) X(5) X(6) X(8) X(10) X(12) X(16) X(20) X(25) X(32) X(40) X(50) X(63) X(80) X(100) X(125) X(160)       \
-      X(200) X(250) X(320) X(400) X(500) X(630) X(800) X(1000) X(1250) X(1600) X(2000) X(2500) X(3200) X(4000) X(5000) \
+  X(2)                                                                                                                 \
+  X(3) X(4) X(5) X(6) X(8) X(10) X(12) X(16) X(20) X(25) X(32) X(40) X(50) X(63) X(80) X(100) X(125) X(160) X(200)     \
+      X(250) X(320) X(400) X(500) X(630) X(800) X(1000) X(1250) X(1600) X(2000) X(2500) X(3200) X(4000) X(5000)        \
           X(6300) X(8000) X(10000) X(12500) X(16000) X(20000) X(25000) X(32000) X(40000) X(50000) X(63000) X(80000)    \
               X(100000)
 #define STEP_BOUND(bound) bound,
