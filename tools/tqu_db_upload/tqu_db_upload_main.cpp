@@ -177,6 +177,8 @@ int main(int argc, char **argv) {
   upload_watch watch;
   if (options.status)
     return upload_show_status(options);
+  if (!options.question.empty())
+    return upload_ask(options);
   if (options.verify)
     return upload_verify(options);
   std::string error;

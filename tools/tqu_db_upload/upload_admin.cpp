@@ -64,6 +64,45 @@ int upload_show_status(const upload_options &options) {
   return 0;
 }
 
+// --- questions ----------------------------------------------------------------------------------------------------
+
+// Numbers to the right, reals with three decimals, texts fit for a terminal.
+static std::string shown(const tqdb::cell &c) {
+  if (const auto *real = std::get_if<double>(&c))
+    return wllb_format("%.3f", *real);
+  return tqread::printable(tqdb::text_of(c), 120);
+}
+
+int upload_ask(const upload_options &options) {
+  std::string error;
+  const std::unique_ptr<tqdb::connection> c = tqdb::connect(options.target, &error);
+  if (!c)
+    return failed(error);
+  tqdb::cells rows;
+  const tqdb::answer a = tqdb::ask_all(*c, options.question, {}, &rows, {1000, 60000, 16 << 20});
+  if (a.end == tqdb::TQDB_FAILED)
+    return failed(a.error);
+  std::vector<size_t> widths;
+  for (const std::string &name : a.columns)
+    widths.push_back(name.size());
+  for (const auto &row : rows)
+    for (size_t i = 0; i < row.size(); ++i)
+      widths[i] = std::max(widths[i], shown(row[i]).size());
+  for (size_t i = 0; i < a.columns.size(); ++i)
+    printf("%-*s%s", static_cast<int>(widths[i]), a.columns[i].c_str(), i + 1 < a.columns.size() ? "  " : "\n");
+  for (const auto &row : rows)
+    for (size_t i = 0; i < row.size(); ++i) {
+      const bool text = std::holds_alternative<std::string>(row[i]);
+      printf("%*s%s", static_cast<int>(widths[i]) * (text ? -1 : 1), shown(row[i]).c_str(),
+             i + 1 < row.size() ? "  " : "\n");
+    }
+  if (a.end == tqdb::TQDB_MORE_ROWS)
+    puts("(there are more rows)");
+  if (a.end == tqdb::TQDB_OUT_OF_TIME)
+    return failed("the question took longer than a minute");
+  return 0;
+}
+
 // --- verification -------------------------------------------------------------------------------------------------
 
 int upload_verify(const upload_options &options) {

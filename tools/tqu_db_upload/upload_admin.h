@@ -6,5 +6,6 @@
 #include "upload_options.h"
 
 int upload_show_status(const upload_options &options);
+int upload_ask(const upload_options &options);
 int upload_verify(const upload_options &options);
 int upload_remove(const upload_options &options, tqdb::load_driver *driver);

@@ -131,6 +131,7 @@ std::optional<int> upload_read_options(int argc, char **argv, upload_options *o)
     {.help = "Instead of loading:"},
     {.name = "verify", .help = "compare every file with its table: rows, and sums of each numeric column", .flag = &o->verify},
     {.name = "status", .help = "how far each file has been loaded, and what was rejected", .flag = &o->status},
+    {.name = "ask", .value = "SQL", .help = "print the answer to a question, at most 1,000 rows", .text = &o->question},
     {.name = "drop-testrun", .value = "N", .help = "remove a test run from the database", .default_text = "", .number32 = &o->drop_testrun, .min = 0},
     {.name = "keep-days", .value = "D", .help = "remove rows that are older than so many days, of all test runs", .default_text = "", .number32 = &o->keep_days, .min = 0, .max = 36500},
     {.help = "As the daemon's child:"},

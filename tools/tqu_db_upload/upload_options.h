@@ -21,6 +21,7 @@ struct upload_options {
   int blobs = -1;       // the same
   bool follow = false;  // by hand, but until told to stop
   bool verify = false, status = false;
+  std::string question;  // SQL; "": none
   int drop_testrun = -1; // -1: no
   int keep_days = -1;    // -1: no
   int ppid = 0;          // the daemon; 0: started by hand
