@@ -152,14 +152,17 @@ const char *read_segment_list(blob_store *store, const flowpath_record &row, seg
 // One of a segment's three texts.
 struct text_columns {
   const char *name;
+  text_choice choice;
   int64_t segment_record::*length, segment_record::*packed;
   std::string segment_texts::*text;
 };
 
 static constexpr text_columns three_texts[] = {
-    {"callout text", &segment_record::callout_bytes, &segment_record::callout_packed, &segment_texts::callouts},
-    {"blob", &segment_record::blob_bytes, &segment_record::blob_packed, &segment_texts::blob},
-    {"request detail", &segment_record::detail_bytes, &segment_record::detail_packed, &segment_texts::detail},
+    {"callout text", TEXT_CALLOUTS, &segment_record::callout_bytes, &segment_record::callout_packed,
+     &segment_texts::callouts},
+    {"blob", TEXT_BLOB, &segment_record::blob_bytes, &segment_record::blob_packed, &segment_texts::blob},
+    {"request detail", TEXT_DETAIL, &segment_record::detail_bytes, &segment_record::detail_packed,
+     &segment_texts::detail},
 };
 
 // Where the three texts are read from.
@@ -197,11 +200,19 @@ static const char *read_plain(text_source *from, int64_t length, std::string *te
   return nullptr;
 }
 
-static std::string read_texts_at(text_source from, const segment_record &segment, segment_texts *texts) {
+static std::string read_texts_at(text_source from, const segment_record &segment, uint32_t which,
+                                 segment_texts *texts) {
   const bool compressed = segment.blob_packed != 0;
   for (const text_columns &of : three_texts) {
     std::string *const text = &(texts->*of.text);
     text->clear();
+    if (!(which & of.choice)) {
+      const int64_t length = segment.*of.length;
+      const int64_t bytes = compressed ? segment.*of.packed : length + (length > 0 && length < INT64_MAX ? 1 : 0);
+      if (bytes < 0 || __builtin_add_overflow(from.offset, bytes, &from.offset))
+        return std::string("its ") + of.name + " has a place that cannot be";
+      continue;
+    }
     const char *const words = compressed ? read_packed(&from, segment.*of.length, segment.*of.packed, text)
                                          : read_plain(&from, segment.*of.length, text);
     if (words)
@@ -211,13 +222,13 @@ static std::string read_texts_at(text_source from, const segment_record &segment
 }
 
 std::string read_segment_texts(blob_store *store, const flowpath_place & /*place*/, const flowpath_record &row,
-                               const segment_record &segment, segment_texts *texts) {
+                               const segment_record &segment, segment_texts *texts, uint32_t which) {
   texts->callouts.clear();
   texts->blob.clear();
   texts->detail.clear();
   if (left_no_blob(segment))
     return "";
-  return read_texts_at({store, segment.partition, row.app, segment.offset}, segment, texts);
+  return read_texts_at({store, segment.partition, row.app, segment.offset}, segment, which, texts);
 }
 
 } // namespace tqread

@@ -85,14 +85,16 @@ struct segment_list {
 // Reads the list behind a row. Null, or what is wrong: the segments before the fault are there.
 const char *read_segment_list(blob_store *store, const flowpath_record &row, segment_list *list);
 
+enum text_choice : uint32_t { TEXT_CALLOUTS = 1, TEXT_BLOB = 2, TEXT_DETAIL = 4, ALL_TEXTS = 7 };
+
 // Where a flowpath's row was found.
 struct flowpath_place {
   std::string_view partition, instance;
 };
 
 // The texts of a segment: from where its line says, or, for a late one, from where they went. "", or what is wrong. Nothing
-// is read when it left no blob. `row` is the row whose list has the segment.
+// is read when it left no blob. Texts that were not chosen stay empty. `row` is the row whose list has the segment.
 std::string read_segment_texts(blob_store *store, const flowpath_place &place, const flowpath_record &row,
-                               const segment_record &segment, segment_texts *texts);
+                               const segment_record &segment, segment_texts *texts, uint32_t which = ALL_TEXTS);
 
 } // namespace tqread
