@@ -180,7 +180,8 @@ TEST_F(file_set, a_partition_is_done_once_when_the_last_one_is_out_of_its_way) {
   tqp_take_place(&newcomer, nowhere_to_read);
   EXPECT_EQ(2, done());
   EXPECT_EQ(2, traced("All app instance completed the processing for partition"));
-  wl_status = WL_OVER; // who stays behind now does not finish what it leaves unread
+  wl_status = WL_OVER; // who stays behind now does not finish what others have not read
+  put_file(run_dir() + std::to_string(third) + "/tq/raw_data/t_s_newcomer.txt", "0,t,s,newcomer,1,1,1\n");
   tqp_take_place(&newcomer, third);
   both_leave(third, third + 10000);
   tqp_take_place(&newcomer, nowhere_to_read);

@@ -194,6 +194,16 @@ TEST_F(recovery_files, a_failed_save_is_made_good_by_the_next_change) {
 
 // --- queries and headers ----------------------------------------------------------------------------------------
 
+// A run that begins anew reads no maps at its start; its first partition switch does.
+TEST_F(recovery_files, queries_saved_for_the_first_time_are_read_back) {
+  std::filesystem::remove(file(".SQLMapNewVer"));
+  tqp_store_sql(inst, 1, 2, 3);
+  EXPECT_FALSE(std::filesystem::exists(file(".SQLMapNewVer")));
+  save();
+  restart();
+  EXPECT_EQ(2, query(1));
+}
+
 TEST_F(recovery_files, queries_are_read_only_beside_the_marker_and_with_their_text) {
   g_min_init_nonprep_sql_id = norm_id_flag + 6;
   std::vector<sql_query_map_t> queries = {{9, norm_id_flag + 5, 1}, {8, norm_id_flag + 6, 1}};

@@ -109,3 +109,14 @@ TEST_F(upload_child, child_learns_how_the_test_ends) {
     EXPECT_EQ(log += words, read("log"));
   }
 }
+
+TEST_F(upload_child, a_stop_does_not_wait_for_a_child_that_goes_on) {
+  child_is("trap 'echo stop; exit' TERM\ntrap 'echo over' RTMIN+3\necho ready; for i in {1..999}; do sleep 0.02; done");
+  auto program = start({"-m", "1"});
+  EXPECT_TRUE(eventually([&] { return read("log") == "ready\n"; }));
+  program->signal(SIGRTMIN + 3);
+  EXPECT_TRUE(eventually([&] { return read("log") == "ready\nover\n"; }));
+  program->signal(SIGTERM);
+  EXPECT_EQ(0, program->wait().exit_status);
+  EXPECT_EQ("ready\nover\nstop\n", read("log"));
+}

@@ -162,6 +162,45 @@ TEST_F(control, a_switch_too_many_finishes_nothing) {
   expect_normal_end();
 }
 
+// The instance stays behind when nobody tells it; a message that comes after all changes nothing.
+TEST_F(control, partitions_that_begin_before_the_connection_are_entered) {
+  close(std::exchange(listener, -1));
+  raw(identity());
+  tqp = start({"-l", port});
+  EXPECT_TRUE(traced("failed to connect TQC retry count: 1 and msg ", 1) && reads("Tier_Server_App"));
+  make_partitions({first_partition, second_partition, third_partition});
+  for (const std::string &each : {second_partition, third_partition})
+    raw(identity(), "Tier_Server_App", each);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(std::stoi(port)));
+  listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) | listen(listener, 1));
+  fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  EXPECT_TRUE(reads("Tier_Server_App", second_partition) && reads("Tier_Server_App", third_partition));
+  EXPECT_TRUE(exists(first_partition + done_file) && exists(second_partition + done_file));
+  say("x=test_run_switch;PARTITION_NAME=" + third_partition + "\n");
+  EXPECT_TRUE(traced("was entered before its message came", 1));
+  expect_normal_end();
+}
+
+// A file that came after the last look at its partition is found by the next start, as long as that is not marked.
+TEST_F(control, a_file_nobody_has_found_keeps_its_partition_from_being_done) {
+  raw(identity());
+  start_connected();
+  EXPECT_TRUE(reads("Tier_Server_App"));
+  raw(identity("Tier_Server_Found") + method(1, "found.A.one()V"), "Tier_Server_Found");
+  raw(identity(), "Tier_Server_App", second_partition);
+  begin_newest_of({first_partition, second_partition});
+  EXPECT_TRUE(traced("Partition " + first_partition + " is not marked as done: 1 raw files are not read", 1));
+  tqp->signal(SIGRTMIN + 3);
+  EXPECT_EQ(1, occurrences(tqp->wait().errors, "Partition " + first_partition + " is not read to its end"));
+  EXPECT_FALSE(is_done(first_partition) || is_done(second_partition));
+  EXPECT_EQ(0, run().exit_status);
+  EXPECT_EQ(1, occurrences(common("TQMetaData.csv"), "found.A.one()V"));
+  EXPECT_TRUE(is_done(first_partition));
+}
+
 TEST_F(control, messages_of_one_read_run_in_order_and_a_fragment_behind_them_is_lost) {
   raw(identity());
   start_connected();

@@ -23,7 +23,7 @@
 struct sample_options : online_options {
   std::string dir, start = "20260302090000", keywords;
   int64_t testrun = -1, seed = 1, instances = 4, partitions = 2, flowpaths = 200, mb = -1, methods = 40, in_flight = 8;
-  int64_t rate = 0, seconds = 0, forget = 0; // 0: not said
+  int64_t rate = 0, seconds = 0, forget = 0, late = 0; // 0: not said
   bool online = false;
   int end = -1; // -1: not said
   sample_mix mix = SAMPLE_MIX_ALL;
@@ -81,6 +81,8 @@ static std::vector<wllb_option> option_rows(sample_options &o, sample_words &w) 
    .chosen = &w.agents},
   {.name = "forget", .value = "N", .help = "leave out every Nth announcement of an id, so that a reader must ask for it; 0: none",
    .number = &o.forget, .max = 1000000},
+  {.name = "late", .value = "N", .help = "every Nth flowpath is reported two seconds late, so that it may belong to the partition before; 0: none",
+   .number = &o.late, .max = 1000000},
   {.help = "Appending to the last partition, as a collector does:"},
   {.name = "rate", .value = "BYTES", .help = "bytes a second for all files together; the writes are cut anywhere",
    .default_text = "off, with --online 100000", .number = &o.rate, .min = 1, .max = 10000000000},
@@ -192,8 +194,12 @@ static void make_streams(sample_run &run) {
   const sample_options &options = run.options;
   run.held_back = options.add_after > 0 ? 1 : 0;
   run.model = sample_make_model(static_cast<int>(options.instances) + static_cast<int>(run.held_back), options.forms);
-  run.load = {options.mix, static_cast<uint32_t>(options.methods), static_cast<uint32_t>(options.in_flight),
-              static_cast<uint32_t>(options.forget), options.old_agents};
+  run.load = {options.mix,
+              static_cast<uint32_t>(options.methods),
+              static_cast<uint32_t>(options.in_flight),
+              static_cast<uint32_t>(options.forget),
+              options.old_agents,
+              static_cast<uint32_t>(options.late)};
   if (options.mix == SAMPLE_MIX_DISCOVERY)
     run.vocabulary = sample_method_vocabulary();
   for (size_t i = 0; i < run.model.instances.size(); ++i) {

@@ -113,7 +113,9 @@ static void run_clock(sample_stream_t &stream) {
 
 static sample_call own_call(sample_stream_t &stream) {
   const int64_t self = sample_new_fpi(stream, stream.now_ms);
-  sample_call call = {{self, self, 0, self}, "1", {}, stream.now_ms};
+  constexpr int64_t late_ms = 2000;
+  const bool late = stream.load->late > 0 && stream.begun % stream.load->late == 0;
+  sample_call call = {{self, self, 0, self}, "1", {}, stream.now_ms - (late ? late_ms : 0)};
   sample_put(call.correlation, "tx-", stream.random.next() >> 24U);
   return call;
 }

@@ -22,6 +22,7 @@ struct sample_load_t {
   uint32_t in_flight;        // flowpaths whose records interleave
   uint32_t forget;           // every so many-th announcement of an id stays away; 0: none
   bool old_agents;           // of the first version, which is asked for metadata in a form of its own
+  uint32_t late;             // every so many-th flowpath began two seconds earlier than it is reported; 0: none
 };
 
 // Names a segment: itself, the whole transaction's first one, the one that started it, the one that owns the flowpath.

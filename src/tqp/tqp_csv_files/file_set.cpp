@@ -8,6 +8,8 @@
 #include "flowpath_files.h"
 #include "tqp_csv_files.h"
 
+#include "wllb_partition.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
@@ -142,10 +144,14 @@ std::string tqp_make_binary_dir(const char *partition, const char *kind, const s
   return target;
 }
 
+static std::string make_dat_path(const tqp_instance_t *inst, const char *partition) {
+  const std::string in_place = wllb_format("%s/logs/TR%d/%s/tq/dat", wl_wdir, testidx, partition);
+  const std::string dir = tqp_make_binary_dir(partition, "dat", in_place, mt_dat_dir_lock);
+  return wllb_format("%s/%s_MethodTiming.dat", dir.c_str(), inst->tier_server_app_name);
+}
+
 void create_method_timing_dat_filename_and_file(tqp_instance_t *inst, FILE **stream_out, std::string *path_out) {
-  const std::string in_place = wllb_format("%s/logs/TR%d/%s/tq/dat", wl_wdir, testidx, inst->partition_name);
-  const std::string dir = tqp_make_binary_dir(inst->partition_name, "dat", in_place, mt_dat_dir_lock);
-  const std::string path = wllb_format("%s/%s_MethodTiming.dat", dir.c_str(), inst->tier_server_app_name);
+  const std::string path = make_dat_path(inst, inst->partition_name);
   if (resume_flag)
     tqp_cut_torn_row(path.c_str(), tqp_timing_record_size);
   FILE *stream = tqp_make_data_file(path.c_str(), stream_out != nullptr);
@@ -153,6 +159,34 @@ void create_method_timing_dat_filename_and_file(tqp_instance_t *inst, FILE **str
     *stream_out = stream;
   if (path_out)
     *path_out = path;
+}
+
+// --- the previous partition's files after a restart -------------------------------------------------------------
+
+// A done file that was made before the restart takes the notices of late rows, as one made now does.
+static void open_prev_done_file(tqp_instance_t *inst) {
+  const std::string path =
+      wllb_format("%s/logs/TR%d/%s/tq/csv/%s", wl_wdir, testidx, inst->prev_partition_name, wllb_done_file_name);
+  wllb_hold hold(check_and_create_partition_done_file_mutex);
+  if (!inst->prev_tqpdone_fileptr_v2 && wllb_is_regular_file(path.c_str()))
+    if (FILE *const done = my_fopen(path.c_str(), "a"))
+      inst->prev_tqpdone_fileptr_v2 = {done, fclose};
+}
+
+FILE *tqp_previous_data_file(tqp_instance_t *inst, int slot) {
+  FILE *&stream = inst->prev_csv_file_pointers[slot];
+  if (stream || inst->prev_partition_idx == 0 || inst->prev_partition_idx > inst->resumed_partition)
+    return stream;
+  const std::string dir = wllb_format("%s/logs/TR%d/%s/tq/csv/%s/", wl_wdir, testidx, inst->prev_partition_name,
+                                      inst->tier_server_app_name);
+  if (!wllb_is_directory(dir.c_str()))
+    return nullptr; // the instance was not there
+  const bool as_dat = slot == METHOD_TIMING_CSV_FP && tqp_binary_format_for_method_timing;
+  const std::string path = as_dat ? make_dat_path(inst, inst->prev_partition_name) : dir + tqp_data_file_name(slot);
+  tqp_cut_torn_row(path.c_str(), as_dat ? tqp_timing_record_size : 0);
+  stream = tqp_make_data_file_as(path.c_str(), "a", true);
+  open_prev_done_file(inst);
+  return stream;
 }
 
 void write_prev_tqpdone(tqp_instance_t *inst, const char *file_name) {

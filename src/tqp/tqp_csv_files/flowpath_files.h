@@ -17,6 +17,10 @@ data_age tqp_age_of(const tqp_instance_t *inst, int64_t time_sec);
 // The instance's current file of a slot: made and opened when it is closed. Null when it cannot be.
 FILE *tqp_current_data_file(tqp_instance_t *inst, int slot);
 
+// The instance's previous file of a slot; null when it is closed. A restarted instance does not know what was open before:
+// its files of the partition it went on in, and of the one before that, are opened again when they are asked for.
+FILE *tqp_previous_data_file(tqp_instance_t *inst, int slot);
+
 // --- flowpath rows (flowpath_rows.cpp, callout_rows.cpp) ---------------------------------------------------------
 
 // Stores a finished segment's line; when nothing is awaited any more the flowpath's row. With no segment it only

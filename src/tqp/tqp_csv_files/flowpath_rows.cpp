@@ -251,7 +251,7 @@ static bool choose_files(tqp_instance_t *inst, const concurrent_flowpath_t *fp, 
     tqp_current_data_file(inst, FLOWPATH_CSV_FP);
     return true;
   }
-  if (!inst->prev_csv_file_pointers[FLOWPATH_CSV_FP]) {
+  if (!tqp_previous_data_file(inst, FLOWPATH_CSV_FP)) {
     wllb_trace(
         1, "Error",
         "Raw data received for previous partition, whereas the flowpath csv file pointer is closedfpinstance = %lld",

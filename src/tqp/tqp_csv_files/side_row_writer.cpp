@@ -21,7 +21,7 @@ static void write_to_current(tqp_instance_t *inst, const side_row_writer &writer
 
 static void write_late(tqp_instance_t *inst, const side_row_writer &writer, const side_row &row, data_age age,
                        std::string_view text) {
-  FILE *const prev = inst->prev_csv_file_pointers[writer.slot];
+  FILE *const prev = tqp_previous_data_file(inst, writer.slot);
   if (!prev)
     return writer.tell_closed(row);
   if (age == AGE_OLDER)

@@ -143,8 +143,10 @@ void *tqp_tqc_comm(void *) {
   epoll_fd = tqp_epoll_init(1);
   tqp_watch_stop(epoll_fd);
   const int fd = connect_to_tqc();
-  if (fd >= 0 && announce(fd))
+  if (fd >= 0 && announce(fd)) {
+    tqp_enter_missed_partitions(); // from here on there is a message for each
     serve_until_over(fd);
+  }
   close(epoll_fd);
   epoll_fd = -1;
   return nullptr;

@@ -17,6 +17,8 @@
 #include "tqp_recovery.h"
 #include "upload_child.h"
 
+#include "wllb_partition.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -200,12 +202,12 @@ static bool nobody_runs() {
 
 // Without a thread nobody will ever leave the old partition, so it is finished here; but not when a stop has ended them.
 static void finish_left_partition(int64_t left) {
-  if (left == g_partition_idx || !nobody_runs() || wl_status == WL_STOP_NOW)
+  const wllb_hold hold(check_and_create_partition_done_file_mutex);
+  if (left == g_partition_idx || !nobody_runs() || !tqp_unread_files(left).empty() || wl_status == WL_STOP_NOW)
     return;
   wllb_trace(1, "Info",
              "As number of running threads = %d, so going to create .tqp_process_done_file in partition = %lld", 0,
              static_cast<long long>(left));
-  const wllb_hold hold(check_and_create_partition_done_file_mutex);
   tqp_create_partition_done_file(left);
 }
 
@@ -226,13 +228,13 @@ static void renew_nonprepared_queries() {
   tq_build_norm_tables_from_metadata_csv(metadata_type_nonprepared);
 }
 
-static void switch_partition(const control_line &line) {
+// A message without a partition's name has 0 in `entered`.
+static void enter_partition(int64_t entered) {
   {
     const wllb_hold hold(tqp_mon_stat_info_mutex);
     ++tqp_mon_stat_info.process_done_lag_count;
   }
   const int64_t left = g_partition_idx;
-  const int64_t entered = partition_of(line);
   if (entered > 0) {
     scandir_count = 0;
     tqp_set_newest_partition(entered);
@@ -242,6 +244,30 @@ static void switch_partition(const control_line &line) {
   finish_left_partition(left);
   signal_switch_to_upload_child();
   renew_nonprepared_queries();
+}
+
+static int64_t caught_up_with; // newest partition entered without a message; 0: none
+
+static void switch_partition(const control_line &line) {
+  const int64_t entered = partition_of(line);
+  if (entered > 0 && entered <= caught_up_with)
+    wllb_trace(1, "Info", "Partition %lld was entered before its message came", static_cast<long long>(entered));
+  else
+    enter_partition(entered);
+}
+
+void tqp_enter_missed_partitions() {
+  const int64_t newest = wllb_get_cur_partition(base_dir.c_str());
+  if (!is_partition(std::to_string(newest).c_str()))
+    return;
+  while (g_partition_idx > 0 && g_partition_idx < newest && wl_status == WL_RUNNING) {
+    int64_t next;
+    if (wllb_get_next_partition(wl_wdir, testidx, g_cur_partition.c_str(), &next) != 0 || next > newest)
+      next = newest;
+    wllb_trace(1, "Info", "Partition %lld began before the collector was connected", static_cast<long long>(next));
+    enter_partition(next);
+    caught_up_with = next;
+  }
 }
 
 // --- the table ---------------------------------------------------------------------------------------------------

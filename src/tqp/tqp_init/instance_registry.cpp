@@ -6,12 +6,12 @@
 
 #include "instance_registry.h"
 
+#include "process_wake.h"
 #include "tqp_csv_files.h"
 #include "tqp_init.h"
 #include "tqp_stat_mon.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstring>
 #include <new>
 #include <pthread.h>
@@ -23,8 +23,6 @@ static int imap_size;     // 0 until the registry is sized
 static bool defaults_set; // the default entries are set once in a process, though index 0 may be given out again
 
 constexpr int least_names = 1024;
-
-static std::condition_variable imap_changed; // an entry was cleared; waited for under tqp_imap_lock
 
 // --- names and open files ------------------------------------------------------------------------------------
 
@@ -181,19 +179,21 @@ void tqp_release_instance(tqp_instance_t *inst) {
   tqp_instance_tptr = nullptr;
   wllb_trace_self = {};
   const int jvmid = inst->jvmid;
-  wllb_hold hold(tqp_imap_lock);
-  tqp_forget_dump_requests(inst);
-  tqp_free_instance_names(inst);
-  const wllb_mp_slot linkage = inst->slot;
-  inst->~tqp_instance_t();
-  auto *slot = new (static_cast<void *>(inst)) wllb_mp_slot(linkage);
-  wllb_mp_free_slot(&tqp_instance_pool, slot);
-  tqp_imap[static_cast<size_t>(jvmid)] = nullptr;
-  --total_num_running_threads;
-  imap_changed.notify_all();
+  {
+    wllb_hold hold(tqp_imap_lock);
+    tqp_forget_dump_requests(inst);
+    tqp_free_instance_names(inst);
+    const wllb_mp_slot linkage = inst->slot;
+    inst->~tqp_instance_t();
+    auto *slot = new (static_cast<void *>(inst)) wllb_mp_slot(linkage);
+    wllb_mp_free_slot(&tqp_instance_pool, slot);
+    tqp_imap[static_cast<size_t>(jvmid)] = nullptr;
+    --total_num_running_threads;
+  }
+  tqp_wake_main(); // it may wait for the last one
 }
 
-// --- walking and waiting -------------------------------------------------------------------------------------------
+// --- walking -------------------------------------------------------------------------------------------------------
 
 void tqp_for_each_instance(const std::function<void(tqp_instance_t *)> &visit) {
   wllb_hold hold(tqp_imap_lock);
@@ -202,9 +202,8 @@ void tqp_for_each_instance(const std::function<void(tqp_instance_t *)> &visit) {
       visit(inst);
 }
 
-void tqp_wait_for_instance_threads() WLLB_NO_THREAD_CHECK {
-  std::unique_lock<std::mutex> hold(tqp_imap_lock.m);
-  imap_changed.wait(hold, []() WLLB_NO_THREAD_CHECK {
-    return std::all_of(tqp_imap.begin(), tqp_imap.end(), [](const tqp_instance_t *inst) { return !inst; });
-  });
+int tqp_count_instances() {
+  int count = 0;
+  tqp_for_each_instance([&](const tqp_instance_t *) { ++count; });
+  return count;
 }

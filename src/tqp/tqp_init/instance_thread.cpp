@@ -147,6 +147,8 @@ static void place_instance(tqp_instance_t *inst) {
     inst->prev_partition_idx = prev;
     inst->prev_partition_begintime = begin_of_partition(inst->prev_partition_name);
   }
+  if (resume_flag && !tqp_is_offline())
+    inst->resumed_partition = atoll(inst->partition_name);
   tqp_take_place(inst, atoll(inst->partition_name));
 }
 

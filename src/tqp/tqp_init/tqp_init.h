@@ -53,8 +53,8 @@ void tqp_for_each_instance(const std::function<void(tqp_instance_t *)> &visit);
 // The thread's last act for its instance: the name goes, the entry is cleared, the slot goes back.
 void tqp_release_instance(tqp_instance_t *inst);
 
-// Waits until no entry of the registry is present.
-void tqp_wait_for_instance_threads();
+// Present entries of the registry.
+int tqp_count_instances();
 
 // Destroys the name table, the pool and the registry. Main's last act, and a test fixture's.
 void tqp_free_registry();

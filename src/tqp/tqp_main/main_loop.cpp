@@ -83,12 +83,12 @@ static void act_on_signals() {
 }
 
 void tqp_main_loop(int epfd) {
+  tqp_add_select(epfd, tqp_signal_fd(), EPOLLIN);
   if (wl_pid < 1) {
     tqp_set_wl_status(WL_OVER);
     return;
   }
   parent_watch parent;
-  tqp_add_select(epfd, tqp_signal_fd(), EPOLLIN);
   watch_parent(epfd, &parent);
   while (wllb_check_pid_alive(wl_pid)) {
     sleep_until_event(epfd, &parent);
@@ -100,4 +100,14 @@ void tqp_main_loop(int epfd) {
     close(parent.fd);
   if (!wllb_check_pid_alive(wl_pid)) // whatever the state was
     tqp_set_wl_status(WL_STOP_NOW);
+}
+
+void tqp_wait_for_instance_threads(int epfd) {
+  while (tqp_count_instances() > 0) { // each one that leaves wakes this thread, as a signal does
+    if (sig_stop_comp && wl_status != WL_STOP_NOW)
+      tqp_set_wl_status(WL_STOP_NOW);
+    epoll_event event;
+    if (epoll_wait(epfd, &event, 1, tsrun_poll_interval) == 1)
+      tqp_drain_signal_fd();
+  }
 }

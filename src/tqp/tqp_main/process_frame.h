@@ -95,6 +95,9 @@ void clean_threads_sig_handler(int signal);
 // Returns when the test run is over for this process; wl_status says how.
 void tqp_main_loop(int epfd);
 
+// Waits until every instance has left. A stop that is asked for meanwhile ends them at once.
+void tqp_wait_for_instance_threads(int epfd);
+
 // Waits for the other threads, makes the last done file after a normal end, closes everything, prints the last lines.
 void tqp_shutdown(int epfd);
 

@@ -52,6 +52,7 @@ wllb_mp_handler tqp_instance_pool;
 wllb_mutex check_and_create_partition_done_file_mutex;
 std::shared_ptr<FILE> tqpdone_fileptr_v2;
 std::set<int64_t> g_left_partitions;
+std::set<std::pair<int64_t, std::string>> g_files_read;
 thread_local tqp_instance_t *tqp_instance_tptr;
 
 wllb_mutex tqp_mon_stat_info_mutex;
@@ -113,6 +114,7 @@ static void tables_and_files_init() WLLB_NO_THREAD_CHECK {
   total_instances = total_num_running_threads = 0;
   tqpdone_fileptr_v2.reset();
   g_left_partitions.clear();
+  g_files_read.clear();
   tqp_instance_tptr = nullptr;
   tqp_mon_stat_info = {};
   key_tags = nullptr;

@@ -89,6 +89,8 @@ extern std::shared_ptr<FILE>
     tqpdone_fileptr_v2 WLLB_GUARDED_BY(check_and_create_partition_done_file_mutex); // the newest done file
 extern std::set<int64_t> g_left_partitions
     WLLB_GUARDED_BY(check_and_create_partition_done_file_mutex); // left by somebody, while others may be there yet
+extern std::set<std::pair<int64_t, std::string>> g_files_read
+    WLLB_GUARDED_BY(check_and_create_partition_done_file_mutex); // partition, instance: read to the end in this process
 
 // The running thread's instance; null on the main, control and monitor threads.
 extern thread_local tqp_instance_t *tqp_instance_tptr;

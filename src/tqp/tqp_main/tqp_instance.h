@@ -90,6 +90,7 @@ struct tqp_instance_t {
   char prev_partition_name[64] = "";
   std::atomic<int64_t> partition_idx{0}; // partition_name as number; read by other threads
   std::atomic<int64_t> prev_partition_idx{0};
+  int64_t resumed_partition = 0;     // where a restarted instance went on; 0: not restarted
   long partition_begintime = 0;      // seconds of the test's epoch
   long prev_partition_begintime = 0; // 0: no previous partition
   // Done file of the previous partition once it exists; under check_and_create_partition_done_file_mutex. A stream

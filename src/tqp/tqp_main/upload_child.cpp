@@ -216,9 +216,9 @@ static void stop_by_force(pid_t pid) {
 static void let_it_finish(pid_t pid) {
   wllb_trace(1, "Info", "Event: Get EST_POST_PROC_SIG, and going to send EST_POST_PROC_SIG to tqu_db_upload.");
   kill(pid, SIGRTMIN + 3);
-  int status;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
+  while (!gone_within(pid, 1))
+    if (sig_stop_comp)
+      return stop_by_force(pid);
   wllb_trace(1, "Info", "Event: tqu_db_upload stop successfully(%d).", pid);
 }
 

@@ -251,11 +251,11 @@ static bool open_timing_file(tqp_instance_t *inst) {
 }
 
 // The file of a sum's own end time; null when it has none.
-static tqp_row_batch *file_of(const tqp_instance_t *inst, int64_t endtime, tqp_row_batch *current,
-                              tqp_row_batch *prev) {
+static tqp_row_batch *file_of(tqp_instance_t *inst, int64_t endtime, tqp_row_batch *current, tqp_row_batch *prev) {
   const data_age age = tqp_age_of(inst, endtime / 1000);
   if (age == AGE_CURRENT)
     return current;
+  prev->file = tqp_previous_data_file(inst, METHOD_TIMING_CSV_FP);
   if (!prev->file)
     wllb_trace(
         1, "Error",

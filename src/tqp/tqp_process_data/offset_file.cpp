@@ -100,7 +100,8 @@ static void write_offset(tqp_instance_t *inst) {
 }
 
 void tqp_save_offset(tqp_instance_t *inst) {
-  if (!inst->flag_to_update_offset)
+  // Once a stop has begun the number saved last stands, however much output is still written.
+  if (!inst->flag_to_update_offset || wl_status == WL_STOP_NOW)
     return;
   if (inst->raw_data_file_offset_fp)
     return write_offset(inst);

@@ -3,6 +3,8 @@
 //   Out     the instance's position and files of the new partition; ".tqp_process_done_v2.txt" of the one left
 //   Thread  the instance's; the done file under check_and_create_partition_done_file_mutex
 //   Failure a missing next partition leaves the instance on the current one; a done file that cannot be made is not told
+// A partition gets its done file when no instance reads it or has still to come by, and every raw file in it has been
+// read to its end: by an instance of this process, or according to its offset file. Partitions are finished in order.
 
 #include "flowpath_files.h"
 #include "tqp_csv_files.h"
@@ -14,6 +16,9 @@
 #include "wllb_partition.h"
 
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
 
 static void lower_switch_flag(tqp_instance_t *inst) {
   wllb_trace(1, "Info", "test_run_swtch_flag = %d, decrementing by 1.", static_cast<int>(inst->test_run_swtch_flag));
@@ -106,6 +111,10 @@ static std::string done_file_path(const std::string &partition) {
   return wllb_format("%s/logs/TR%d/%s/tq/csv/%s", wl_wdir, testidx, partition.c_str(), wllb_done_file_name);
 }
 
+bool tqp_is_partition_done(int64_t partition) {
+  return wllb_path_exists(done_file_path(std::to_string(partition)).c_str());
+}
+
 void tqp_create_partition_done_file(int64_t partition) {
   const std::string path = done_file_path(std::to_string(partition));
   wllb_trace(1, "Info", "All app instance completed the processing for partition '%lld', going to create '%s' file.",
@@ -123,6 +132,7 @@ void tqp_create_partition_done_file(int64_t partition) {
   });
   g_process_done_partition = partition;
   g_left_partitions.erase(partition);
+  g_files_read.erase(g_files_read.begin(), g_files_read.lower_bound({partition + 1, ""}));
   wllb_hold hold(tqp_mon_stat_info_mutex);
   --tqp_mon_stat_info.process_done_lag_count;
 }
@@ -133,11 +143,55 @@ static bool is_to_be_read(int64_t partition) {
   return in_use;
 }
 
-// Whoever calls has stored where it reads now, and counts like the others: what it has entered just now is not done.
+// True when no whole line of the file lies after its saved offset. What is no regular file has nothing to be read.
+static bool is_read_by_offset(const std::string &raw_data_dir, const std::string &file_name) {
+  const std::string path = raw_data_dir + file_name;
+  if (!wllb_is_regular_file(path.c_str()))
+    return true;
+  const wllb_fd raw(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat facts;
+  if (raw.fd < 0 || fstat(raw.fd, &facts) != 0)
+    return false;
+  const std::string offset = wllb_read_small_file((raw_data_dir + "." + file_name + ".offset").c_str(), 64);
+  return wllb_line_begin(raw.fd, facts.st_size) <= strtoll(offset.c_str(), nullptr, 10);
+}
+
+std::vector<std::string> tqp_unread_files(int64_t partition) {
+  std::vector<std::string> unread;
+  const std::string raw_data_dir =
+      wllb_format("%s/%lld/tq/raw_data/", base_dir.c_str(), static_cast<long long>(partition));
+  std::error_code error;
+  for (const auto &entry : std::filesystem::directory_iterator(raw_data_dir, error)) {
+    const std::string name = entry.path().filename();
+    if (filter_tsa_entries(name.c_str()) && g_files_read.count({partition, name.substr(0, name.size() - 4)}) == 0 &&
+        !is_read_by_offset(raw_data_dir, name))
+      unread.push_back(name);
+  }
+  return unread;
+}
+
+static bool is_read(int64_t partition) WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
+  const std::vector<std::string> unread = tqp_unread_files(partition);
+  if (!unread.empty())
+    wllb_trace(1, "Warning", "Partition %lld is not marked as done: %zu raw files are not read to their end, one is %s",
+               static_cast<long long>(partition), unread.size(), unread[0].c_str());
+  return unread.empty();
+}
+
+// The caller has stored where it reads now, and counts like the others: the partition it has entered is not done.
 // Instances that are being stopped have given up their places without being ready, hence the state is looked at last.
 static void finish_left_partitions() WLLB_REQUIRES(check_and_create_partition_done_file_mutex) {
-  while (!g_left_partitions.empty() && !is_to_be_read(*g_left_partitions.begin()) && wl_status != WL_STOP_NOW)
-    tqp_create_partition_done_file(*g_left_partitions.begin());
+  while (!g_left_partitions.empty()) {
+    const int64_t oldest = *g_left_partitions.begin();
+    if (is_to_be_read(oldest) || !is_read(oldest) || wl_status == WL_STOP_NOW)
+      return;
+    tqp_create_partition_done_file(oldest);
+  }
+}
+
+void tqp_note_file_read(const tqp_instance_t *inst) {
+  wllb_hold hold(check_and_create_partition_done_file_mutex);
+  g_files_read.insert({inst->partition_idx, inst->tier_server_app_name});
 }
 
 void check_and_create_partition_done_file(tqp_instance_t *inst, int64_t left_partition) {
@@ -151,8 +205,7 @@ void check_and_create_partition_done_file(tqp_instance_t *inst, int64_t left_par
 void tqp_take_place(tqp_instance_t *inst, int64_t partition) {
   wllb_hold hold(check_and_create_partition_done_file_mutex);
   inst->partition_idx = partition;
-  if (wl_status == WL_RUNNING)
-    finish_left_partitions();
+  finish_left_partitions();
 }
 
 int get_partion_number_to_start_with(std::string this_partition, std::string *out) {

@@ -23,6 +23,7 @@ struct reader_t {
   size_t carried = 0;          // bytes at the front of buf that belong to a line not yet complete
   int is_test_running = 1;     // 0 ends the loop
   int open_wait_ms = 0;        // until the next attempt to open a missing file
+  bool at_end = false;         // the last round has read the file to its end
   int idle_rounds = 0;         // counter_to_dump_incomplete_flowpath: rounds since bytes were last seen
   time_t last_force_write = 0; // of the last timed flush
   char *buf = nullptr;         // tqp_raw_data_buf_size + 1 bytes
@@ -197,9 +198,11 @@ static void idle_at_end_of_file(reader_t &r) {
   }
   check_and_flush_csv_buffers(r.inst, nullptr);
   r.last_force_write = wllb_now();
+  r.at_end = true;
 }
 
 static void read_to_end_of_file(reader_t &r) {
+  r.at_end = false;
   for (;;) {
     if (wl_status == WL_STOP_NOW) {
       wllb_trace(1, "Info", "Thread is terminated.");
@@ -236,6 +239,8 @@ static void switch_partitions(reader_t &r) {
   wllb_trace(1, "Info", "Test run switch flag is non zero ('%d'), Closing raw data file '%s'",
              static_cast<int>(inst->test_run_swtch_flag), r.filepath.c_str());
   close_raw_file(r);
+  if (r.at_end)
+    tqp_note_file_read(inst);
   int switch_result;
   do {
     const int64_t left = inst->partition_idx;
@@ -254,7 +259,7 @@ static void switch_partitions(reader_t &r) {
     if (inst->partition_idx > left) // a switch too many leaves the instance where it is
       check_and_create_partition_done_file(inst, left);
     dump_maps_when_tracing(inst);
-  } while (switch_result == 0 && inst->test_run_swtch_flag != 0);
+  } while (switch_result == 0 && inst->test_run_swtch_flag != 0 && wl_status != WL_STOP_NOW);
   // A fragment left at the old file's end joins the new one's first bytes; it will count as read with them, but does not
   // stand in this file.
   if (switch_result == 0)
@@ -286,7 +291,8 @@ static bool is_finished(const tqp_instance_t *inst) {
 }
 
 static bool is_switch_honoured(const tqp_instance_t *inst) {
-  return inst->test_run_swtch_flag != 0 && (wl_status == WL_RUNNING || tqc_port == -1);
+  const char status = wl_status; // looked at once: it may change
+  return inst->test_run_swtch_flag != 0 && status != WL_STOP_NOW && (status == WL_RUNNING || tqc_port == -1);
 }
 
 // Whether a round that ends now leaves the file.
@@ -297,6 +303,10 @@ static bool is_leaving(const tqp_instance_t *inst) {
 static void end_round(reader_t &r) {
   tqp_instance_t *inst = r.inst;
   tqp_dump_maps_if_asked(inst);
+  if (wl_status == WL_STOP_NOW) { // the file may not have been read to its end: no switch, no close
+    r.is_test_running = 0;
+    return;
+  }
   if (is_switch_honoured(inst)) {
     if (inst->partition_idx != g_partition_idx)
       switch_partitions(r);
@@ -306,9 +316,9 @@ static void end_round(reader_t &r) {
     wllb_trace(1, "Info", "Resetting the is_test_running flag");
     r.is_test_running = 0;
     tq_close_app_instance(inst);
+    if (r.at_end)
+      tqp_note_file_read(inst);
   }
-  if (wl_status == WL_STOP_NOW)
-    r.is_test_running = 0; // no close: the last saved offset stands
 }
 
 static void sleep_a_round(reader_t &r) {

@@ -59,6 +59,15 @@ void check_and_create_partition_done_file(tqp_instance_t *inst, int64_t left_par
 void tqp_take_place(tqp_instance_t *inst, int64_t partition);
 constexpr int64_t nowhere_to_read = INT64_MAX;
 
+// The instance has read its raw file in its partition to the end. What is appended after that is not waited for.
+void tqp_note_file_read(const tqp_instance_t *inst);
+
+// Names of the partition's raw files that hold whole lines nobody has read, neither in this process nor according to
+// their offset files.
+std::vector<std::string> tqp_unread_files(int64_t partition) WLLB_REQUIRES(check_and_create_partition_done_file_mutex);
+
+bool tqp_is_partition_done(int64_t partition);
+
 // Makes a partition's done file, keeps it open for late rows, tells the instances. The caller holds the mutex.
 void tqp_create_partition_done_file(int64_t partition) WLLB_REQUIRES(check_and_create_partition_done_file_mutex);
 

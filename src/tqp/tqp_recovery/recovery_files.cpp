@@ -111,6 +111,13 @@ static bool write_map(tqp_instance_t *inst, const loc2norm_row &row, FILE *file,
   return row.bit == LOC2NORM_SQL ? write_sql_map(inst, file) : write_header_map(inst, file);
 }
 
+// Made only where its directory stands.
+static void make_sql_marker(const tqp_instance_t *inst) {
+  const std::string path = make_loc2_norm_file_path(inst, sql_marker_name);
+  if (wllb_is_directory(make_loc2_norm_file_path(inst, "").c_str()) && !wllb_path_exists(path.c_str()))
+    tqp_make_data_file_as(path.c_str(), "a", false);
+}
+
 // What is written whole takes the old file's place only then: until the offset has moved on, a kill must not leave less
 // than was there.
 static void save_map(tqp_instance_t *inst, const loc2norm_row &row) {
@@ -124,6 +131,8 @@ static void save_map(tqp_instance_t *inst, const loc2norm_row &row) {
   bool saved = write_map(inst, row, file, in_place);
   saved = in_place ? fclose(file) == 0 && saved : tqp_end_replacing(file, path, saved);
   if (saved) {
+    if (row.bit == LOC2NORM_SQL) // the file is of the new layout now; without its marker it would not be read
+      make_sql_marker(inst);
     wllb_trace(2, "Info", "Saved Local to Normalized Table: %s", path.c_str());
     return;
   }
@@ -290,12 +299,6 @@ static void load_int_map(tqp_instance_t *inst, const loc2norm_row &row, FILE *fi
 }
 
 // --- reading: queries -------------------------------------------------------------------------------------------
-
-// Made only where its directory stands.
-static void make_sql_marker(const tqp_instance_t *inst) {
-  if (wllb_is_directory(make_loc2_norm_file_path(inst, "").c_str()))
-    tqp_make_data_file_as(make_loc2_norm_file_path(inst, sql_marker_name).c_str(), "a", false);
-}
 
 // A non-prepared query older than those that were read back has lost its text.
 static bool is_too_old(const sql_query_map_t &query) {

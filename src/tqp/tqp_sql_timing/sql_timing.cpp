@@ -93,11 +93,12 @@ static void put_row(tqp_row_batch &batch, const sql_row_context &of, const sqlar
 }
 
 // The file of a sum's newest execution; null when it has none. Its age is looked at first, the file second.
-static tqp_row_batch *file_of(const tqp_instance_t *inst, const sqlarray_t &sum, tqp_row_batch *current,
+static tqp_row_batch *file_of(tqp_instance_t *inst, const sqlarray_t &sum, tqp_row_batch *current,
                               tqp_row_batch *prev) {
   const data_age age = tqp_age_of(inst, static_cast<int64_t>(sum.endsqlbegintimestamp / 1000));
   if (age == AGE_CURRENT)
     return current;
+  prev->file = tqp_previous_data_file(inst, SQL_TIMING_CSV_FP);
   if (age == AGE_OLDER)
     wllb_trace(1, "Error",
                "SQL timing data belongs to previous to previous partition, ignoring this sql timing data record");
