@@ -71,6 +71,11 @@ wllb_json_writer &wllb_json_writer::end_line() {
   return raw("\n");
 }
 
+bool wllb_json_writer::end_document() {
+  needs_comma = false;
+  return finish();
+}
+
 // --- numbers and words ----------------------------------------------------------------------------------------------
 
 template <class T> static void put_number(std::string *held, T value) {

@@ -63,6 +63,9 @@ public:
   // Ends a document; the next one begins on a line of its own.
   wllb_json_writer &end_line();
 
+  // Ends a document that stands alone, and hands it over: what comes next is another one. False as finish() is.
+  bool end_document();
+
   // Bytes as they are, between values: the page around a document.
   wllb_json_writer &raw(std::string_view bytes);
 

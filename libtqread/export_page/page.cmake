@@ -1,0 +1,37 @@
+# Makes export_page.h of the page's files: the page up to its data, and from there on. Its policy names script and style by
+# their hashes, so that a browser runs nothing else.
+
+# sha256_source(TEXT OUT): "sha256-<base64>", as a content security policy wants it.
+function(sha256_source text out)
+  string(SHA256 hex "${text}")
+  string(APPEND hex "00") # 32 bytes and a zero: 11 groups of three
+  set(alphabet "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/")
+  set(base64 "")
+  foreach(group RANGE 10)
+    math(EXPR at "${group} * 6")
+    string(SUBSTRING "${hex}" ${at} 6 digits)
+    foreach(shift 18 12 6 0)
+      math(EXPR letter "(0x${digits} >> ${shift}) & 63")
+      string(SUBSTRING "${alphabet}" ${letter} 1 letter)
+      string(APPEND base64 "${letter}")
+    endforeach()
+  endforeach()
+  string(SUBSTRING "${base64}" 0 43 base64)
+  set(${out} "sha256-${base64}=" PARENT_SCOPE)
+endfunction()
+
+set(page_dir ${CMAKE_CURRENT_LIST_DIR})
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${page_dir}/page.html ${page_dir}/page.css ${page_dir}/page.js)
+file(READ ${page_dir}/page.css STYLE)
+file(READ ${page_dir}/page.js SCRIPT)
+sha256_source("${STYLE}" STYLE_HASH)
+sha256_source("${SCRIPT}" SCRIPT_HASH)
+set(DATA "@DATA@")
+configure_file(${page_dir}/page.html ${PROJECT_BINARY_DIR}/generated/page.html @ONLY)
+file(READ ${PROJECT_BINARY_DIR}/generated/page.html PAGE)
+string(FIND "${PAGE}" "@DATA@" at)
+string(SUBSTRING "${PAGE}" 0 ${at} PAGE_FRONT)
+math(EXPR at "${at} + 6")
+string(SUBSTRING "${PAGE}" ${at} -1 PAGE_BACK)
+configure_file(${page_dir}/export_page.h.in ${PROJECT_BINARY_DIR}/generated/export_page.h @ONLY)
+target_include_directories(tqread PRIVATE ${PROJECT_BINARY_DIR}/generated)
