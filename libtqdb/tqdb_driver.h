@@ -94,6 +94,9 @@ struct load_driver {
   // that was renamed is removed under its old name and changed under its new one, in one unit).
   virtual take_result commit(const load_positions &changed) = 0;
 
+  // Waits for what add() and commit() may have left to another thread.
+  virtual take_result settle() { return TQDB_TAKEN; }
+
   // Gives up the unit.
   virtual void roll_back() = 0;
 

@@ -5,14 +5,15 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace tqdb {
 
 // Rows go to the driver in portions of about so many bytes, so that the loader stays small.
-static constexpr size_t most_rows_weight = 8 << 20;
-static constexpr size_t most_unit_weight = 48 << 20; // with the sums, which wait for the unit's end
+static constexpr size_t most_rows_weight = 4 << 20;
+static constexpr size_t most_unit_weight = 32 << 20; // with the sums, which wait for the unit's end
 
 loader::loader(const tqread::test_run &run, const load_options &options, load_driver *driver,
                std::function<bool()> told_to_stop)
@@ -192,14 +193,18 @@ bool loader::take_topology() {
 
 load_result loader::pass() {
   const int64_t before = totals_.bytes;
-  const bool good = take_topology() && follower_->pass() != tqread::pass_result::sink_failed && end_unit();
+  const bool good = take_topology() && follower_->pass() != tqread::pass_result::sink_failed && end_unit() &&
+                    settle(driver_->settle());
   if (!good)
     return failure_ == TQDB_BROKEN ? load_result::broken : load_result::away;
   return totals_.bytes == before ? load_result::nothing_new : load_result::took_some;
 }
 
 load_result loader::finish() {
-  if (end_unit() && settle(driver_->finish()))
+  const bool ended = end_unit() && settle(driver_->settle());
+  mapper_ = std::make_unique<row_mapper>(run_, options_.with_blobs);
+  malloc_trim(0); // making indexes wants the memory that the rows had
+  if (ended && settle(driver_->finish()))
     return load_result::nothing_new;
   return failure_ == TQDB_BROKEN ? load_result::broken : load_result::away;
 }

@@ -246,8 +246,9 @@ void row_mapper::sum_row(const tqread::table &of, const any_record &record) {
   case source_id::method_timing: {
     const auto &r = record.as<tqread::method_timing_record>();
     put_instance(r.app, r.tier, r.server);
-    for (int64_t *n : {sums(TQDB_METHOD_SUM, {r.tier, r.method_id}),
-                       sums(TQDB_TRANSACTION_METHOD, {r.tier, r.url_id, r.method_id})}) {
+    int64_t *const by_tier = sums(TQDB_METHOD_SUM, {r.tier, r.method_id});
+    int64_t *const by_url = sums(TQDB_TRANSACTION_METHOD, {r.tier, r.url_id, r.method_id});
+    for (int64_t *n : {by_tier, by_url}) {
       ++n[0];
       n[1] += bounded(r.calls);
       n[2] += bounded(r.self_ms);
@@ -256,11 +257,10 @@ void row_mapper::sum_row(const tqread::table &of, const any_record &record) {
       n[5] += bounded(r.self_cpu_ms);
       n[6] = std::max(n[6], r.longest_self_ms);
     }
-    int64_t *n = sums(TQDB_METHOD_SUM, {r.tier, r.method_id}) + 7;
-    n[0] += bounded(r.wait_ms);
-    n[1] += bounded(r.sync_ms);
-    n[2] += bounded(r.io_ms);
-    n[3] += bounded(r.suspension_ms);
+    by_tier[7] += bounded(r.wait_ms);
+    by_tier[8] += bounded(r.sync_ms);
+    by_tier[9] += bounded(r.io_ms);
+    by_tier[10] += bounded(r.suspension_ms);
     break;
   }
   case source_id::sql_timing: {

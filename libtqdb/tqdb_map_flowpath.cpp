@@ -99,7 +99,9 @@ void row_mapper::put_segment_texts(const tqread::flowpath_record &row, const tqr
                                    int64_t begin_utc_ms, int32_t place_in_list, int64_t byte, int64_t number) {
   tqread::segment_texts &three = texts_->segment;
   const std::string partition = std::to_string(piece_.partition);
-  const std::string fault = read_segment_texts(&store_, {partition, piece_.instance}, row, segment, &three);
+  const std::string fault =
+      read_segment_texts(&store_, {partition, piece_.instance}, row, segment, &three,
+                         with_blobs_ ? tqread::ALL_TEXTS : tqread::TEXT_CALLOUTS | tqread::TEXT_DETAIL);
   if (!fault.empty()) {
     reject(byte, number, "segment " + std::to_string(place_in_list) + ": " + fault);
     return;

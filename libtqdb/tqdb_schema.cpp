@@ -375,13 +375,13 @@ static constexpr column node_columns[] = {
 // --- sums ---------------------------------------------------------------------------------------------------------
 
 // The steps of the histogram: one table for the columns' names, and for whoever counts.
-#define DURATION_STEPS(X)                                                                                              \
-  X(1)                                                                                                                 \
-  X(2)                                                                                                                 \
-  X(3) X(4) X(5) X(6) X(8) X(10) X(12) X(16) X(20) X(25) X(32) X(40) X(50) X(63) X(80) X(100) X(125) X(160) X(200)     \
-      X(250) X(320) X(400) X(500) X(630) X(800) X(1000) X(1250) X(1600) X(2000) X(2500) X(3200) X(4000) X(5000)        \
-          X(6300) X(8000) X(10000) X(12500) X(16000) X(20000) X(25000) X(32000) X(40000) X(50000) X(63000) X(80000)    \
-              X(100000)
+// clang-format off
+#define DURATION_STEPS(X) \
+  X(1) X(2) X(3) X(4) X(5) X(6) X(8) X(10) X(12) X(16) X(20) X(25) X(32) X(40) X(50) X(63) X(80) \
+  X(100) X(125) X(160) X(200) X(250) X(320) X(400) X(500) X(630) X(800) X(1000) X(1250) X(1600) \
+  X(2000) X(2500) X(3200) X(4000) X(5000) X(6300) X(8000) X(10000) X(12500) X(16000) X(20000) \
+  X(25000) X(32000) X(40000) X(50000) X(63000) X(80000) X(100000)
+// clang-format on
 #define STEP_BOUND(bound) bound,
 #define STEP_COLUMN(bound) {"le_" #bound, TQDB_I32, TQDB_ADD, ""},
 

@@ -166,7 +166,7 @@ open_result sqlite_driver::connect_file() {
   sqlite3_busy_timeout(db.get(), 5000);
   // NORMAL in WAL mode: a crash of the machine can lose the last units, with their positions; they are loaded again.
   if (!run(
-          "PRAGMA page_size = 8192; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -32768; "
+          "PRAGMA page_size = 8192; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -24576; "
           "PRAGMA temp_store = FILE; PRAGMA threads = 2; PRAGMA wal_autocheckpoint = 4000"))
     return failed("setting up") == TQDB_AWAY ? TQDB_NOT_THERE : TQDB_REFUSED;
   return TQDB_READY;
@@ -231,22 +231,29 @@ open_result sqlite_driver::open(const load_scope &of, load_state *state) {
 
 // --- indexes ----------------------------------------------------------------------------------------------------
 
+// Sorting takes as much memory as the cache, in each of its threads.
 take_result sqlite_driver::make_indexes() {
+  run("PRAGMA cache_size = -8192");
   for (const table &t : tables())
     for (const table_index &index : t.indexes)
       if (!run(create_index_sql(t, index)))
         return failed("making indexes");
+  run("PRAGMA cache_size = -24576");
   return TQDB_TAKEN;
 }
 
-// An empty table gets its indexes at the end of a finished run: sorted at once, they cost half.
+// An empty table gets its indexes at the end of a finished run: sorted at once, they cost half. Until then nobody reads, so
+// that a rollback journal will do: new pages are written once, not to the log first. It stays in WAL mode when somebody does.
 take_result sqlite_driver::begin_loading(bool bulk) {
-  return bulk ? TQDB_TAKEN : make_indexes();
+  if (!bulk)
+    return make_indexes();
+  run("PRAGMA journal_mode = TRUNCATE");
+  return TQDB_TAKEN;
 }
 
 take_result sqlite_driver::finish() {
   const take_result made = make_indexes();
-  if (made == TQDB_TAKEN && !run("PRAGMA optimize; PRAGMA wal_checkpoint(TRUNCATE)"))
+  if (made == TQDB_TAKEN && !run("PRAGMA optimize; PRAGMA journal_mode = WAL; PRAGMA wal_checkpoint(TRUNCATE)"))
     return failed("cleaning up");
   return made;
 }

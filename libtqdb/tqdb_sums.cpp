@@ -56,10 +56,18 @@ void sum_table::grow() {
   }
 }
 
+// In the order of their keys, which is the order of the table: neighbours are merged one after the other.
 void sum_table::move_to(row_batch *rows, int32_t file, int64_t byte) {
+  std::vector<const int64_t *> order(count_);
   for (size_t i = 0; i < count_; ++i)
+    order[i] = entries_.data() + i * width_;
+  std::sort(order.begin(), order.end(), [this](const int64_t *a, const int64_t *b) {
+    return std::lexicographical_compare(a, a + keys_, b, b + keys_);
+  });
+  for (size_t i = 0; i < count_; ++i) {
     rows->places.push_back({file, static_cast<int32_t>(i), byte});
-  rows->cells.insert(rows->cells.end(), entries_.begin(), entries_.end());
+    rows->cells.insert(rows->cells.end(), order[i], order[i] + width_);
+  }
   entries_.clear();
   std::fill(slots_.begin(), slots_.end(), 0);
   count_ = 0;

@@ -1,6 +1,6 @@
 // Sums of a unit, kept while its rows go by and put into a table at its end.
 //   In      keys and numbers
-//   Out     rows of a SUM table, in the order in which their keys came first
+//   Out     rows of a SUM table, in the order of their keys
 //   Thread  the owner's
 //   Failure out of memory ends the process. A number beyond 2^40 counts as 2^40 (35 years of ms), so that no total overflows
 #pragma once

@@ -1,7 +1,7 @@
 // tqu_db_upload: brings a test run into a database, while it runs or afterwards.
 //   In      the command line, by hand or as the daemon gives it; signals; the daemon's life
 //   Out     calls to the loader; one line about what was done
-//   Thread  one
+//   Thread  main; the driver's calls run in a second one
 //   Failure exit status 1 and a line on standard error; a daemon starts the program again. A database that is away (a full disk,
 //           a stopped server) is waited for
 #include "upload_admin.h"
@@ -10,6 +10,7 @@
 #include "upload_watch.h"
 
 #include "tqdb_load.h"
+#include "tqdb_threaded.h"
 
 #include "wllb_alloc.h"
 #include "wllb_util.h"
@@ -18,6 +19,7 @@
 #include <cinttypes>
 #include <ctime>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -182,12 +184,13 @@ int main(int argc, char **argv) {
   if (options.verify)
     return upload_verify(options);
   std::string error;
-  const std::unique_ptr<tqdb::load_driver> driver = tqdb::make_driver(options.target, &error);
+  std::unique_ptr<tqdb::load_driver> driver = tqdb::make_driver(options.target, &error);
   if (!driver) {
     fprintf(stderr, "tqu_db_upload: %s\n", error.c_str());
     return 1;
   }
   if (options.drop_testrun >= 0 || options.keep_days >= 0)
     return upload_remove(options, driver.get());
+  driver = tqdb::make_threaded(std::move(driver)); // the signals are blocked already
   return load(options, &watch, driver.get());
 }
