@@ -43,7 +43,7 @@ static bool allowed_after_burst(component_recovery *rec, long now) {
 int wllb_recover_component_or_not(component_recovery *rec) {
   if (!has_limits(rec))
     return -1;
-  const long now = wllb_now();
+  const long now = wllb_monotonic_s();
   const bool in_burst = rec->retry_count <= rec->max_retry_count;
   if (!(in_burst ? allowed_in_burst(rec, now) : allowed_after_burst(rec, now)))
     return 1;

@@ -3,9 +3,11 @@
 //   Out     "<base_dir>/<partition>/<log_file>" and one older "<...>.prev"
 //   Thread  any; no lock is held around a line's write. Every file of a handle is opened on one descriptor number, so
 //           a thread that is late by a move or a rollover writes whole lines to the old or the new file, never elsewhere
-//   Failure a line without an open file is lost, and the next one tries to open again
+//   Failure a line without an open file is lost, the first one in a row to standard error; the next one tries to open
 // Sample:   \n11/22/26 21:30:00|Main Thread|tqp_init.cpp|88|tqp_init|Info|...   (the newline comes first)
 #include "wllb_multi_thread_trace_log.h"
+
+#include "wllb_output_file.h"
 
 #include <cerrno>
 #include <climits>
@@ -182,7 +184,7 @@ static int put_on_kept_fd(MTTraceLogKey *key, int fd) WLLB_REQUIRES(key->trace_m
 
 static void write_header(MTTraceLogKey *key, int fd) {
   constexpr std::string_view header = "#TimeStamp|Thread Name|Src file name|Line number|Function|Severity|Message";
-  if (write(fd, header.data(), header.size()) == static_cast<ssize_t>(header.size()))
+  if (wllb_write_all(fd, header))
     key->print_header = false;
 }
 
@@ -193,11 +195,9 @@ static void open_file(MTTraceLogKey *key) WLLB_REQUIRES(key->trace_mutex) {
     fputs("Fail: Error in creating virutal user trace directory", stderr);
     return;
   }
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  const int fd = wllb_open_output(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, {key->ownerid, key->grpid});
   if (fd < 0)
     return;
-  // Only root may give files away; the file serves its maker as well.
-  [[maybe_unused]] const int given = fchown(fd, key->ownerid, key->grpid);
   if (key->print_header)
     write_header(key, fd);
   key->file_fd.store(put_on_kept_fd(key, fd), std::memory_order_release);
@@ -304,16 +304,17 @@ static size_t build_line(char (&text)[trace_line_size], const char *thread_name,
   return 0;
 }
 
-// Of lines in a row that cannot be written the first one goes to standard error: a full disk must not go unseen.
+// Of lines in a row that cannot be written the first one goes to standard error: a full disk must not go unseen, nor a
+// file that does not open.
 static void write_line(MTTraceLogKey *key, int fd, const char *text, size_t length) {
-  const bool lost = write(fd, text, length) != static_cast<ssize_t>(length);
+  const bool lost = fd < 1 || !wllb_write_all(fd, {text, length});
   if (lost == key->losing_lines.load(std::memory_order_relaxed) || key->losing_lines.exchange(lost) == lost || !lost)
     return;
   const std::string words =
       wllb_format("Error: wllb_mt_trace_log(): trace lines are lost, Error = '%s', the first one: ",
                   wllb_strerror(errno).c_str()) +
       std::string(text + 1, length - 1) + "\n";
-  [[maybe_unused]] const ssize_t told = write(STDERR_FILENO, words.data(), words.size());
+  wllb_write_all(STDERR_FILENO, words);
 }
 
 // The caller's errno stays, for it may be what the caller reports next.
@@ -328,8 +329,7 @@ void wllb_mt_trace_log(MTTraceLogKey *key, int64_t partition_idx, const char *th
   const size_t length =
       build_line(text, thread_name ? thread_name : "Main Thread", severity, src_file, line, function, format, args);
   va_end(args);
-  const int fd = length > 0 ? descriptor_for_line(key, partition_idx) : -1;
-  if (fd > 0)
-    write_line(key, fd, text, length);
+  if (length > 0)
+    write_line(key, descriptor_for_line(key, partition_idx), text, length);
   errno = callers_errno;
 }

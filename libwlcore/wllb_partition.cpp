@@ -7,6 +7,7 @@
 // Sample of an info file: "#Start Partition, ...\nFirstPartition=20261122213000\n...\nPreviousPartition=0\nVersion=1\n"
 #include "wllb_partition.h"
 
+#include "wllb_output_file.h"
 #include "wllb_util.h"
 
 #include <cerrno>
@@ -20,6 +21,7 @@
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 bool is_partition(const char *name) {
   return name && strlen(name) == 14 && wllb_is_numeric(name);
@@ -65,14 +67,24 @@ int64_t wllb_get_cur_partition(const char *dir) {
   return partition;
 }
 
-int64_t wllb_get_cur_epoch_diff(const char *dir) {
-  const std::string path = wllb_format("%s/.vex_epoch.diff", dir);
-  if (!wllb_path_exists(path.c_str()))
-    return 0;
-  const std::string text = wllb_read_small_file(path.c_str());
+std::string wllb_epoch_diff_path(const char *dir) {
+  return wllb_format("%s/.vex_epoch.diff", dir);
+}
+
+bool wllb_read_epoch_diff(const char *dir, int64_t *diff) {
+  const std::string text = wllb_read_small_file(wllb_epoch_diff_path(dir).c_str());
+  const std::vector<std::string> words = wllb_words(text, 2);
   char *end = nullptr;
-  const int64_t diff = strtoll(text.c_str(), &end, 10);
-  return end == text.c_str() ? -1 : diff;
+  errno = 0;
+  *diff = words.size() == 1 ? strtoll(words[0].c_str(), &end, 10) : 0;
+  return end && end != words[0].c_str() && *end == '\0' && errno == 0;
+}
+
+int64_t wllb_get_cur_epoch_diff(const char *dir) {
+  int64_t diff = 0;
+  if (!wllb_path_exists(wllb_epoch_diff_path(dir).c_str()))
+    return 0;
+  return wllb_read_epoch_diff(dir, &diff) ? diff : -1;
 }
 
 // --- partition info -------------------------------------------------------------------------------------------
@@ -208,7 +220,7 @@ static void check_raw_data_directory_and_create_offset(const char *base, const c
   const bool has_raw_data = wllb_path_exists(wllb_format("%s/%s/%s", base, partition, subdir).c_str());
   const bool empty = has_raw_data ? is_empty_or_missing_directory("buffer") : wllb_is_directory(csv_dir.c_str());
   if (empty)
-    wllb_file made(fopen(done_file.c_str(), "a"));
+    const wllb_fd made(wllb_open_output(done_file.c_str(), O_WRONLY | O_CREAT));
 }
 
 // One search; the partition looked at stands in info.
@@ -242,14 +254,13 @@ static void go_to_partition(const walk_back &walk, int64_t partition) {
 // Only for the trace: what the agent wrote is text, so the eight bytes are seldom a number below the size.
 static void compare_offset_with_data(DataFileInfo *info) {
   const auto idx = static_cast<long long>(info->partition_idx);
-  const int fd = open(info->full_offset_filename, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
+  const wllb_fd file(wllb_open_plain(info->full_offset_filename, O_RDONLY));
+  if (file.fd < 0) {
     append_error(info, wllb_format("Error in opening offset file in %lld;", idx));
     return;
   }
   int64_t offset = 0;
-  const ssize_t got = read(fd, &offset, sizeof offset);
-  close(fd);
+  const ssize_t got = read(file.fd, &offset, sizeof offset);
   struct stat data = {};
   if (got != static_cast<ssize_t>(sizeof offset))
     append_error(info, wllb_format("Error in reading offset file in %lld;", idx));

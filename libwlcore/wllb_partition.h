@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string>
 
 struct PartitionInfo {
   int64_t first_partition;
@@ -52,6 +53,10 @@ int64_t wllb_get_cur_partition(const char *dir);
 
 // Seconds between the test's epoch and 1970. 0 when the file is missing, -1 on failure.
 int64_t wllb_get_cur_epoch_diff(const char *dir);
+
+// The same for who cannot do without: false when the file is missing or holds anything but one whole number.
+bool wllb_read_epoch_diff(const char *dir, int64_t *diff);
+std::string wllb_epoch_diff_path(const char *dir);
 
 // Reads a partition's info. 0; -1 with a line on standard error when the file does not open.
 int wllb_get_partition_info(const char *base, PartitionInfo *info, const char *partition);

@@ -50,10 +50,10 @@ static int new_socket(int family) {
 
 // Waits for the end of a connect: 0, or the error.
 static int end_of_connect(int fd, int timeout_s, int give_up_fd) {
-  const int64_t give_up_at = get_ms_stamp_tqp() + int64_t{timeout_s} * 1000;
+  const int64_t give_up_at = wllb_monotonic_ms() + int64_t{timeout_s} * 1000;
   pollfd watched[] = {{.fd = fd, .events = POLLOUT, .revents = 0}, {.fd = give_up_fd, .events = POLLIN, .revents = 0}};
   int ready = -1;
-  for (int64_t left = int64_t{timeout_s} * 1000; ready < 0 && left >= 0; left = give_up_at - get_ms_stamp_tqp()) {
+  for (int64_t left = int64_t{timeout_s} * 1000; ready < 0 && left >= 0; left = give_up_at - wllb_monotonic_ms()) {
     ready = poll(watched, 2, static_cast<int>(left));
     if (ready < 0 && errno != EINTR)
       return errno;

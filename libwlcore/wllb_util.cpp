@@ -6,6 +6,8 @@
 // Pid file: one line, "4711\n"
 #include "wllb_util.h"
 
+#include "wllb_output_file.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -127,13 +129,23 @@ std::string wllb_strerror(int error) {
 
 // --- time ---------------------------------------------------------------------------------------------------
 
-static int64_t wall_clock_ms() {
+static int64_t clock_ms(clockid_t clock) {
   timespec now = {};
-  clock_gettime(CLOCK_REALTIME, &now);
+  clock_gettime(clock, &now);
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+static int64_t wall_clock_ms() {
+  return clock_ms(CLOCK_REALTIME);
+}
+
+static int64_t monotonic_clock_ms() {
+  constexpr int64_t far_above_0 = 1'000'000'000'000; // a machine may have been started a moment ago
+  return far_above_0 + clock_ms(CLOCK_MONOTONIC);
+}
+
 int64_t (*wllb_clock_ms)() = wall_clock_ms;
+int64_t (*wllb_monotonic_ms)() = monotonic_clock_ms;
 
 std::string wllb_local_time_text(const char *strftime_format, time_t when) {
   tm parts = {};
@@ -198,11 +210,19 @@ static ssize_t read_again(int fd, void *room, size_t size) {
   return got;
 }
 
+bool (*wllb_wait_for_descriptor)(const char *path, bool opened);
+
 int wllb_open_plain(const char *path, int flags, struct stat *found) {
   struct stat facts = {};
-  wllb_fd file(open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
-  if (file.fd < 0)
-    return -1;
+  wllb_fd file;
+  bool waited = false;
+  while ((file.fd = open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666)) < 0) {
+    if ((errno != EMFILE && errno != ENFILE) || !wllb_wait_for_descriptor || !wllb_wait_for_descriptor(path, false))
+      return -1;
+    waited = true;
+  }
+  if (waited)
+    wllb_wait_for_descriptor(path, true);
   if (fstat(file.fd, &facts) != 0 || !S_ISREG(facts.st_mode)) {
     file.reset();
     errno = EINVAL;
@@ -235,14 +255,21 @@ bool wllb_write_at(int fd, const char *bytes, int64_t len, int64_t at) {
   return true;
 }
 
-bool wllb_write_all(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t put = write(fd, bytes.data(), bytes.size());
+size_t wllb_write_some(int fd, std::string_view bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t put = write(fd, bytes.data() + done, bytes.size() - done);
+    if (put == 0)
+      errno = EIO;
     if (put == 0 || (put < 0 && errno != EINTR))
-      return false;
-    bytes.remove_prefix(static_cast<size_t>(std::max<ssize_t>(put, 0)));
+      return done;
+    done += static_cast<size_t>(std::max<ssize_t>(put, 0));
   }
-  return true;
+  return done;
+}
+
+bool wllb_write_all(int fd, std::string_view bytes) {
+  return wllb_write_some(fd, bytes) == bytes.size();
 }
 
 std::string wllb_read_small_file(const char *path, size_t limit) {
@@ -328,7 +355,7 @@ static bool open_pipe(wllb_fd &read_end, wllb_fd &write_end) {
   return true;
 }
 
-// Starts the program with the default signal mask and SIGPIPE. A stdin_fd of -1 is /dev/null. 0 or an errno value.
+// Starts the program with the default signal mask, SIGPIPE and SIGXFSZ. A stdin_fd of -1 is /dev/null. 0 or an errno value.
 static int start_program(const std::vector<std::string> &argv, int stdin_fd, int stdout_fd, pid_t *pid) {
   std::vector<char *> words;
   for (const std::string &word : argv)
@@ -351,6 +378,7 @@ static int start_program(const std::vector<std::string> &argv, int stdin_fd, int
   sigemptyset(&signals);
   posix_spawnattr_setsigmask(&attributes, &signals);
   sigaddset(&signals, SIGPIPE);
+  sigaddset(&signals, SIGXFSZ);
   posix_spawnattr_setsigdefault(&attributes, &signals);
 
   const int error = posix_spawnp(pid, words[0], &files, &attributes, words.data(), environ);
@@ -445,12 +473,23 @@ wllb_run_result wllb_run_program(const std::vector<std::string> &argv, std::stri
 
 // --- processes ----------------------------------------------------------------------------------------------
 
+// A process that has ended stands in the process table until its parent collects it. One whose first thread alone has
+// ended looks the same, but for the number of its threads. Line of the file: "4711 (name) Z 1 ...", where a name may hold
+// anything and the number of threads is the 18th word after it.
+static bool has_ended(pid_t pid) {
+  const std::string text = wllb_read_small_file(wllb_format("/proc/%d/stat", pid).c_str(), 4096);
+  const size_t name_end = text.rfind(')');
+  const std::vector<std::string> words =
+      wllb_words(std::string_view(text).substr(name_end == std::string::npos ? text.size() : name_end + 1), 18);
+  return words.size() == 18 && (words[0] == "Z" || words[0] == "X") && atoi(words[17].c_str()) <= 1;
+}
+
 bool wllb_check_pid_alive(pid_t pid) {
   if (pid == 0)
     return false;
   if (kill(pid, 0) == 0)
-    return true;
-  return errno == EPERM && wllb_path_exists(wllb_format("/proc/%d", pid).c_str());
+    return !has_ended(pid);
+  return errno == EPERM && wllb_path_exists(wllb_format("/proc/%d", pid).c_str()) && !has_ended(pid);
 }
 
 std::string wllb_process_name(pid_t pid) {
@@ -467,13 +506,35 @@ static pid_t other_pid_in_file(const char *path) {
   return static_cast<pid_t>(pid);
 }
 
+static std::string executable_path(const char *process) {
+  char path[PATH_MAX];
+  const ssize_t len = readlink(wllb_format("/proc/%s/exe", process).c_str(), path, sizeof path);
+  std::string text(path, static_cast<size_t>(len > 0 ? len : 0));
+  constexpr std::string_view replaced = " (deleted)";
+  if (text.ends_with(replaced))
+    text.resize(text.size() - replaced.size());
+  return text;
+}
+
+// Names can be chosen, and a pid may have gone to anyone since it was written. True for this process's own executable,
+// and for one that stood at the same path before it was replaced.
+static bool runs_same_executable(pid_t pid) {
+  const std::string process = std::to_string(pid);
+  struct stat own = {};
+  struct stat other = {};
+  if (stat("/proc/self/exe", &own) != 0 || stat(wllb_format("/proc/%d/exe", pid).c_str(), &other) != 0)
+    return false;
+  return (own.st_dev == other.st_dev && own.st_ino == other.st_ino) ||
+         executable_path("self") == executable_path(process.c_str());
+}
+
 static void kill_process_of_file(const char *path, const char *component) {
   const pid_t pid = other_pid_in_file(path);
   if (!wllb_check_pid_alive(pid))
     return;
   const std::string own_name = wllb_process_name(getpid());
   const std::string name = wllb_process_name(pid);
-  if (own_name.empty() || !std::string_view(name).starts_with(own_name))
+  if (own_name.empty() || !std::string_view(name).starts_with(own_name) || !runs_same_executable(pid))
     return;
   printf("Going to kill pid %d of component %s of binary name %s\n", pid, component, name.c_str());
   fflush(stdout);
@@ -487,15 +548,13 @@ static int pid_file_failure(const std::string &path, const char *step, std::stri
   return -1;
 }
 
-// Writes this pid; a link or a FIFO in the file's place is refused. A null owner leaves owner and group alone.
-static int write_pid_file(const std::string &path, const struct stat *owner, std::string *error) {
-  const wllb_fd file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0666));
+static int write_pid_file(const std::string &path, const wllb_owner &owner, std::string *error) {
+  const wllb_fd file(wllb_open_output(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC));
   if (file.fd < 0)
     return pid_file_failure(path, "open", error);
   if (!wllb_write_all(file.fd, wllb_format("%d\n", getpid())))
     return pid_file_failure(path, "write", error);
-  if (owner && fchown(file.fd, owner->st_uid, owner->st_gid) != 0)
+  if (wllb_own_file(file.fd, owner) != 0)
     return pid_file_failure(path, "chown", error);
   return 0;
 }
@@ -515,10 +574,10 @@ int wllb_save_pid_ex(const char *base_dir, const char *name, std::string *error)
   struct stat owner = {};
   if (stat(base_dir, &owner) != 0)
     return pid_file_failure(base_dir, "stat", error);
-  int result = write_pid_file(path, &owner, error);
+  int result = write_pid_file(path, {owner.st_uid, owner.st_gid}, error);
   if (mkdir_ex(list_path.c_str()) != 0)
     return pid_file_failure(list_path, "mkdir", error);
-  if (write_pid_file(list_path, nullptr, error) != 0)
+  if (write_pid_file(list_path, {}, error) != 0)
     result = -1;
   return result;
 }

@@ -56,8 +56,11 @@ std::string wllb_strerror(int error);
 
 // --- time ---------------------------------------------------------------------------------------------------
 
-// The one clock, in milliseconds since 1970; tests put their own function here before threads start.
+// The two clocks, in milliseconds; tests put their own functions here before threads start. The first tells the time of
+// day since 1970, for times that are written or compared with data; it may be set. The second only goes forward: all
+// intervals, limits and retries are counted on it. It stands far above 0, so that 0 can mean "long ago".
 extern int64_t (*wllb_clock_ms)();
+extern int64_t (*wllb_monotonic_ms)();
 
 inline int64_t get_ms_stamp_tqp() {
   return wllb_clock_ms();
@@ -65,6 +68,11 @@ inline int64_t get_ms_stamp_tqp() {
 
 inline time_t wllb_now() {
   return static_cast<time_t>(wllb_clock_ms() / 1000);
+}
+
+// Whole seconds of the clock that only goes forward.
+inline time_t wllb_monotonic_s() {
+  return static_cast<time_t>(wllb_monotonic_ms() / 1000);
 }
 
 // Local time of `when` in strftime's words; at most 255 bytes, else an empty text.
@@ -108,16 +116,24 @@ bool wllb_is_regular_file(const char *path);
 // The bytes of a regular file, at most `limit`; an empty text for anything else. Never blocks on a FIFO.
 std::string wllb_read_small_file(const char *path, size_t limit = 1U << 20U);
 
-// Opens a plain file with flags of open(2), close-on-exec; never waits for a FIFO. What O_CREAT makes has mode 0666 less the
-// umask. The descriptor, for the caller to close, with the file's facts in *found if given; -1, and EINVAL for anything
-// that is no plain file.
+// Opens a plain file with flags of open(2), close-on-exec; never waits for a FIFO. For reading; what is written is opened by
+// wllb_open_output. The descriptor, for the caller to close, with the file's facts in *found if given; -1, and EINVAL for
+// anything that is no plain file.
 int wllb_open_plain(const char *path, int flags, struct stat *found = nullptr);
+
+// Called by wllb_open_plain when the system has no descriptor left (EMFILE, ENFILE): waits as its thread likes, and true
+// means that opening is tried again. Called once more with `opened` when a later try has worked. Null: opening fails. Set
+// before threads start.
+extern bool (*wllb_wait_for_descriptor)(const char *path, bool opened);
 
 // Bytes of a file from place `at` on, over short transfers and interruptions. The first gives how many came: fewer than
 // asked for at the file's end, or when the system gives no more; the others are false when it takes no more (errno).
 int64_t wllb_read_at(int fd, char *bytes, int64_t len, int64_t at);
 bool wllb_write_at(int fd, const char *bytes, int64_t len, int64_t at);
 bool wllb_write_all(int fd, std::string_view bytes); // where the descriptor stands
+
+// The same where it matters how much was taken: the number of bytes; errno when that is not all.
+size_t wllb_write_some(int fd, std::string_view bytes);
 
 // Calls take(line, length) with each line of a stream, its newline included if it has one, until that gives false. The
 // line ends with a NUL; it may be changed, and is gone behind the call.
@@ -150,14 +166,16 @@ struct wllb_run_result {
 // so other children's ends stay to be collected by their owners.
 wllb_run_result wllb_run_program(const std::vector<std::string> &argv, std::string_view input = {});
 
-// False for pid 0; true when the process can be signalled or, being somebody else's, stands in /proc.
+// False for pid 0 and for a process that has ended, collected by its parent or not; true when the process can be
+// signalled or, being somebody else's, stands in /proc.
 bool wllb_check_pid_alive(pid_t pid);
 
 // Base name of argument 0 of a live process; empty when there is none.
 std::string wllb_process_name(pid_t pid);
 
 // Takes over the pid files of `base_dir`: when "%s/.%s.pid" (base_dir, name) names another live process (pid above
-// 1) whose name begins like this process's own, that one gets SIGKILL and a line on standard output. Then this pid
+// 1) that runs this process's executable, by a name that begins like this one's, that one gets SIGKILL and a line on
+// standard output. Then this pid
 // goes into that file, which gets the owner and group of base_dir, and into "%s/.pidfiles/.%s.pid" (base_dir, name
 // in upper case). Returns 0, or -1 with the reason in *error.
 int wllb_save_pid_ex(const char *base_dir, const char *name, std::string *error);

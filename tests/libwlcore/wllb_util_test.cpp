@@ -155,11 +155,50 @@ static int end_and_collect(pid_t pid) {
 
 // --- processes ----------------------------------------------------------------------------------------------
 
-TEST(wllb_processes, a_process_is_alive_until_it_is_collected) {
+// A child of the test's own that runs the executable of this process, and does nothing. A new first byte of its name
+// shows in /proc.
+static pid_t fork_idle(bool first_thread_ends, char first_byte = 0) {
+  const pid_t pid = fork();
+  for (int tries = 0; pid != 0 && first_byte && tries < 5000 && wllb_process_name(pid)[0] != first_byte; ++tries)
+    usleep(1000);
+  if (pid != 0)
+    return pid;
+  if (first_byte)
+    program_invocation_short_name[0] = first_byte;
+  if (first_thread_ends) {
+    pthread_t thread;
+    pthread_create(
+        &thread, nullptr,
+        [](void *) -> void * {
+          pause();
+          return nullptr;
+        },
+        nullptr);
+    syscall(SYS_exit, 0); // this thread alone
+  }
+  pause();
+  _exit(0);
+}
+
+// Polls until the child's line in /proc shows this state.
+static bool is_in_state(pid_t pid, const char *state) {
+  for (int tries = 0; tries < 5000; ++tries, usleep(1000))
+    if (file_text(wllb_format("/proc/%d/stat", pid)).find(state) != std::string::npos)
+      return true;
+  return false;
+}
+
+TEST(wllb_processes, a_process_is_alive_until_it_ends) {
   const pid_t child = start_sleep_as("/some/where/sleeper");
   EXPECT_TRUE(wllb_check_pid_alive(child));
   EXPECT_EQ("sleeper", wllb_process_name(child));
   kill(child, SIGTERM);
+  EXPECT_TRUE(is_in_state(child, ") Z "));
+  EXPECT_FALSE(wllb_check_pid_alive(child)) << "nobody has collected it, but it is gone";
+  const pid_t without_first_thread = fork_idle(true);
+  EXPECT_TRUE(is_in_state(without_first_thread, ") Z "));
+  EXPECT_TRUE(wllb_check_pid_alive(without_first_thread));
+  EXPECT_EQ(SIGTERM, end_and_collect(without_first_thread));
   EXPECT_EQ(0, wllb_run_program({"true"}).exit_status); // waits for its own child only
   EXPECT_EQ(SIGTERM, end_and_collect(child));
   EXPECT_FALSE(wllb_check_pid_alive(child));
@@ -191,14 +230,11 @@ TEST_F(wllb_pid_file, both_files_are_written_and_the_first_is_given_to_the_owner
   EXPECT_EQ(is_root ? 23456U : getgid(), file.st_gid);
 }
 
-TEST_F(wllb_pid_file, only_a_live_process_whose_name_begins_like_this_ones_is_killed) {
-  const std::string shorter = own_name.substr(0, own_name.size() - 1);
-  const std::pair<std::string, int> rows[] = {
-      {own_name, SIGKILL}, {own_name + "_old", SIGKILL}, {"/p/" + own_name, SIGKILL},
-      {shorter, SIGTERM},  {"x" + own_name, SIGTERM},    {own_name + "/sleep", SIGTERM},
-      {"", SIGTERM}};
-  for (const auto &[name, ended_by] : rows) {
-    const pid_t child = start_sleep_as(name);
+TEST_F(wllb_pid_file, only_a_live_process_of_this_ones_executable_and_name_is_killed) {
+  // Another executable under this one's names; this one under another name; this one.
+  for (const std::string name : {own_name.c_str(), (own_name + "_old").c_str(), "x", ""}) {
+    const int ended_by = name.empty() ? SIGKILL : SIGTERM;
+    const pid_t child = name.size() > 1 ? start_sleep_as(name) : fork_idle(false, name[0]);
     put_file(path, std::to_string(child) + "\n");
     testing::internal::CaptureStdout();
     EXPECT_EQ(0, save());

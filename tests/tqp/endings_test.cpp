@@ -1,4 +1,4 @@
-// Flowpaths that are given up: silence by the wall clock, overdue responses by the clock of the data.
+// Flowpaths that are given up: silence by the clock that is never set, overdue responses by the clock of the data.
 
 #include "one_instance_run.h"
 #include "tqp_csv_files.h"
@@ -11,18 +11,18 @@ static int64_t told_time; // ms
 class endings : public testing::Test {
 protected:
   tqp_instance_t *inst = nullptr;
-  int64_t (*clock_before)() = wllb_clock_ms;
+  int64_t (*clock_before)() = wllb_monotonic_ms;
 
   endings() {
     told_time = 1'700'000'000'000;
-    wllb_clock_ms = [] { return told_time; };
+    wllb_monotonic_ms = [] { return told_time; };
     inst = open_one_instance_run();
     run_block(inst, "0,Tier,Server,App,3,4,5\n5,a.B.c()V,1\n");
   }
 
   ~endings() override {
     close_one_instance_run(inst);
-    wllb_clock_ms = clock_before;
+    wllb_monotonic_ms = clock_before;
   }
 
   // A flowpath's header; `start` in seconds of the data.
@@ -71,7 +71,7 @@ TEST_F(endings, an_overdue_response_is_given_up_by_the_clock_of_the_data) {
   clear_async_resp_missed_flowpaths(inst); // the data is 60 s ahead: not above the limit
   EXPECT_TRUE(rows().empty());
   run_block(inst, header(7, 161));
-  told_time += 100'000'000; // the wall clock does not matter
+  told_time += 100'000'000; // the process's clock does not matter
   clear_async_resp_missed_flowpaths(inst);
   EXPECT_EQ(std::vector<int>{5}, rows()); // 6 awaits no response: this timer leaves it alone
 }

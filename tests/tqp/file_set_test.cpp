@@ -30,7 +30,7 @@ TEST_F(file_set, a_fresh_run_truncates_and_a_resumed_one_appends) {
     resume_flag = resumed;
     put_file(data("TQFlowPath.csv"), "old\n");
     create_csv_files(inst, 1);
-    fputs("new\n", inst->csv_file_pointers[FLOWPATH_CSV_FP]);
+    tqp_append_rows(inst->csv_file_pointers[FLOWPATH_CSV_FP], "new\n");
     csv_dump_all_files(inst);
     EXPECT_EQ(resumed ? "old\nnew\n" : "new\n", file_text(data("TQFlowPath.csv")));
     tqp_close_stream(&inst->csv_file_pointers[FLOWPATH_CSV_FP]);
@@ -84,11 +84,10 @@ TEST_F(file_set, a_file_lives_for_its_partition_and_one_more) {
     if (i > 0) {
       move_on_to(names[i]);
       ASSERT_NE(nullptr, inst->prev_csv_file_pointers[FLOWPATH_CSV_FP]);
-      fputs("late\n", inst->prev_csv_file_pointers[FLOWPATH_CSV_FP]);
-      fflush(inst->prev_csv_file_pointers[FLOWPATH_CSV_FP]);
+      tqp_append_rows(inst->prev_csv_file_pointers[FLOWPATH_CSV_FP], "late\n");
     }
     paths[i] = data("TQFlowPath.csv");
-    fputs("own\n", inst->csv_file_pointers[FLOWPATH_CSV_FP]);
+    tqp_append_rows(inst->csv_file_pointers[FLOWPATH_CSV_FP], "own\n");
     csv_dump_all_files(inst);
   }
   EXPECT_EQ("own\nlate\n", file_text(paths[0]));
@@ -103,7 +102,7 @@ TEST_F(file_set, binary_timing_rows_go_to_the_dat_file) {
   const std::string dat = run_dir() + partition + "/tq/dat/tier_server_app_MethodTiming.dat";
   create_csv_files(inst, 0);
   create_csv_files(inst, 1);
-  fputs("binary", inst->csv_file_pointers[METHOD_TIMING_CSV_FP]);
+  tqp_append_rows(inst->csv_file_pointers[METHOD_TIMING_CSV_FP], "binary");
   csv_dump_all_files(inst);
   EXPECT_EQ("binary", file_text(dat));
 }

@@ -26,22 +26,19 @@ protected:
 };
 
 TEST_F(full_disk, each_row_stands_there_whole_or_not_at_all) {
-  const std::string path = data("rows.csv"), batch = "1,one\n2,two\n", held_back = "3,three\n",
-                    later = "4,four\n5,five\n";
-  for (rlim_t room = 0; room <= batch.size() + held_back.size(); ++room) {
+  const std::string path = data("rows.csv"), batch = "1,one\n2,two\n", second = "3,three\n", later = "4,four\n5,five\n";
+  for (rlim_t room = 0; room <= batch.size() + second.size(); ++room) {
     put_file(path, "");
     FILE *stream = my_fopen(path.c_str(), "a");
     let_files_grow_to(room);
     const bool taken = tqp_append_rows(stream, batch);
-    fputs(held_back.c_str(), stream);
-    tqp_flush_stream(stream);
+    const bool second_taken = tqp_append_rows(stream, second);
     let_files_grow_to(RLIM_INFINITY);
-    EXPECT_TRUE(tqp_append_rows(stream, later.substr(0, 7)));
-    fputs(later.substr(7).c_str(), stream);
+    EXPECT_TRUE(tqp_append_rows(stream, later));
     tqp_close_stream(&stream);
-    const bool flushed = room >= (taken ? batch.size() : 0) + held_back.size();
     EXPECT_EQ(room >= batch.size(), taken);
-    EXPECT_EQ((taken ? batch : "") + (flushed ? held_back : "") + later, file_text(path)) << room;
+    EXPECT_EQ(room >= (taken ? batch.size() : 0) + second.size(), second_taken);
+    EXPECT_EQ((taken ? batch : "") + (second_taken ? second : "") + later, file_text(path)) << room;
   }
 }
 

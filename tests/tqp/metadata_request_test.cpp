@@ -209,7 +209,7 @@ TEST_F(metadata_request, says_what_is_missing_and_once_in_a_while_asks_for_every
   const agent::part full = [](int fd) { send_cut(fd, answer(two), 1); };
   EXPECT_EQ(front + "21_7:9000;0\n", ask(1.5F, no_answer, 21, 7, 9));
   EXPECT_EQ("", ask(1.5F, no_answer, 21, 7, 9)) << "paused by the failure";
-  EXPECT_NEAR(static_cast<double>(wllb_now()), inst->last_meta_data_retry_time_in_sec, 5);
+  EXPECT_NEAR(static_cast<double>(wllb_monotonic_s()), static_cast<double>(inst->last_meta_data_retry_time_in_sec), 5);
   tqp_meta_data_recovery_retry_timeout_in_sec = 0;
   inst->disable_req_metadata_from_bci = 0;
   EXPECT_EQ(front + "112_7;0\n", ask(0, no_answer, 112));

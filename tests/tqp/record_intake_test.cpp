@@ -200,8 +200,8 @@ TEST_F(record_intake, identity_needs_its_six_fields_and_the_files_name) {
 static int64_t told_time;
 
 TEST_F(record_intake, repeated_errors_are_told_once_an_interval) {
-  const auto clock_before = wllb_clock_ms;
-  wllb_clock_ms = [] { return told_time; };
+  const auto clock_before = wllb_monotonic_ms;
+  wllb_monotonic_ms = [] { return told_time; };
   const rawerr_log_counter_t &c = inst->rawerr_log_counter[RAWERR_META_DATA];
   tqp_errlog_throttle_interval = 300;
   told_time = 1000000;
@@ -216,5 +216,5 @@ TEST_F(record_intake, repeated_errors_are_told_once_an_interval) {
   EXPECT_EQ(1, c.throttle_count); // told with the number in between, and counting begins anew
   EXPECT_EQ(7, c.g_count);
   EXPECT_EQ(told_time, c.throttle_timestamp);
-  wllb_clock_ms = clock_before;
+  wllb_monotonic_ms = clock_before;
 }

@@ -15,9 +15,9 @@ static int64_t clock_ms = 1000000;
 
 class upload_child : public tqp_test_run {
 protected:
-  int64_t (*const clock_before)() = std::exchange(wllb_clock_ms, [] { return clock_ms; });
+  int64_t (*const clock_before)() = std::exchange(wllb_monotonic_ms, [] { return clock_ms; });
 
-  ~upload_child() override { wllb_clock_ms = clock_before; }
+  ~upload_child() override { wllb_monotonic_ms = clock_before; }
 
   void child_is(const std::string &script) const {
     std::filesystem::create_directories(directory + "/bin");

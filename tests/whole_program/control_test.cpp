@@ -30,7 +30,7 @@ protected:
   }
 
   ~control() override {
-    for (const int each : {fd, listener, pipe})
+    for (const int each : {fd, listener})
       close(each);
   }
 
@@ -78,33 +78,30 @@ protected:
            ",200,1,1:0:0:0:0,5,-,0,x,0,0,-,-,1:77_0_0_0_1:77_1_5_1:0:0:0:0___\n";
   }
 
-  // A pipe that is full: who writes a row into it stands still until it is drained.
-  void make_full_pipe(const std::string &path) {
-    fs::create_directories(fs::path(path).parent_path());
-    EXPECT_EQ(0, mkfifo(path.c_str(), 0600));
-    pipe = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    for (const char page[4096] = {}; write(pipe, page, sizeof page) > 0;)
-      continue;
+  // Lets the instance read its first lines, then stand still at its first flowpath: its blob file does not open.
+  void start_and_hold(const std::string &instance, int app) {
+    raw(identity(instance, 3, 4, app) + names, instance);
+    start_connected();
+    EXPECT_TRUE(reads(instance));
+    held = path(first_partition + "/tq/sqb/" + std::to_string(app));
+    fs::create_directories(held);
+    append_raw(flowpath(900, 100), instance);
+    EXPECT_TRUE(traced("Could not open file '" + directory + "/webapps/logs/TR1234/" + first_partition, 1));
   }
 
-  void drain_pipe() const {
-    for (char page[4096]; ::read(pipe, page, sizeof page) > 0;)
-      continue;
-  }
+  void let_go() const { fs::remove(held); }
 
   const std::string done_file = "/tq/csv/.tqp_process_done_v2.txt";
   const std::string names = "99,x,FPGVersion:2.0,JAVA\n" + method(1, "a.B.main()V") + "7,5,/shop\n";
-  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), fd = -1, pipe = -1;
-  std::string port;
+  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), fd = -1;
+  std::string port, held;
   std::unique_ptr<running_program> tqp;
 };
 
 TEST_F(control, instances_lie_partitions_apart_and_the_last_to_leave_finishes_each) {
-  make_full_pipe(path(first_partition + "/tq/csv/Tier_Server_Busy/TQFlowPath.csv"));
-  raw(identity("Tier_Server_Busy", 3, 4, 6) + names + flowpath(900, 100), "Tier_Server_Busy");
   raw(identity() + names + flowpath(500, 100));
-  start_connected();
-  EXPECT_TRUE(reads("Tier_Server_App") && reads("Tier_Server_Busy"));
+  start_and_hold("Tier_Server_Busy", 6);
+  EXPECT_TRUE(reads("Tier_Server_App"));
   raw(identity() + flowpath(510, 3100) + flowpath(515, 3700), "Tier_Server_App", second_partition); // one is late
   begin_newest_of({first_partition, second_partition});
   EXPECT_TRUE(eventually([&] { return lines_of(data("TQFlowPath.csv", first_partition)).size() == 2; }));
@@ -113,7 +110,7 @@ TEST_F(control, instances_lie_partitions_apart_and_the_last_to_leave_finishes_ea
   EXPECT_TRUE(eventually([&] { return lines_of(data("TQFlowPath.csv", second_partition)).size() == 2; }));
   EXPECT_TRUE(reads("Tier_Server_App", third_partition));
   EXPECT_FALSE(is_done(first_partition) || is_done(second_partition)) << "one instance still reads the first";
-  drain_pipe();
+  let_go();
   EXPECT_TRUE(exists(second_partition + done_file));
   EXPECT_EQ("", read(second_partition + done_file)) << "what was late before needs no notice";
   append_raw(flowpath(540, 7150));
@@ -149,14 +146,11 @@ TEST_F(control, a_restart_after_half_a_line_reads_every_line_once) {
 }
 
 TEST_F(control, a_switch_too_many_finishes_nothing) {
-  make_full_pipe(path(first_partition + "/tq/csv/Tier_Server_App/TQFlowPath.csv"));
-  raw(identity() + names + flowpath(500, 100));
-  start_connected();
-  EXPECT_TRUE(reads("Tier_Server_App"));
+  start_and_hold("Tier_Server_App", 5);
   begin_newest_of({first_partition, second_partition});
   say("x=test_run_switch\n");
   EXPECT_TRUE(traced("Sending PARTITION_SWITCH_SIG to tqu_db_upload (process id '", 2));
-  drain_pipe();
+  let_go();
   EXPECT_TRUE(traced("Error in retrieving next partition name, ", 1) && traced("Processing over for jvmid = 0,", 1));
   EXPECT_TRUE(is_done(first_partition) && !is_done(second_partition));
   expect_normal_end();
@@ -208,7 +202,7 @@ TEST_F(control, messages_of_one_read_run_in_order_and_a_fragment_behind_them_is_
   make_partitions({first_partition, second_partition, third_partition});
   for (const std::string &each : {second_partition, third_partition})
     raw(identity(), "Tier_Server_App", each);
-  raw(identity("Tier_Server_Found"), "Tier_Server_Found", third_partition); // no message tells of it
+  raw(identity("Tier_Server_Found", 3, 4, 6), "Tier_Server_Found", third_partition); // no message tells of it
   say("a=test_run_switch;PARTITION_NAME=" + second_partition + "\nb=test_run_switch;PARTITION_NAME=" + third_partition +
       "\nc=enableInstance Tier Server One\nd=enableInstance Tier Server Tw");
   EXPECT_TRUE(reads("Tier_Server_App", second_partition) && reads("Tier_Server_App", third_partition));

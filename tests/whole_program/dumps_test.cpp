@@ -16,7 +16,7 @@ protected:
     fs::create_directories(directory + "/outside/tmp");
     raw(identity() + method(17, "a.B.c()V") + "6,User-Agent,3\n22,8731,9,select * from cart\n36,17,at c\n" +
         "2,100:100:0:100,1,1.0,5,0,/x,,,1,2,0,thread,0\n");
-    raw(identity("T_S_Other"), "T_S_Other");
+    raw(identity("T_S_Other", 3, 4, 6), "T_S_Other");
   }
 
   void TearDown() override { unsetenv("TQP_OUTSIDE_ROOT"); }

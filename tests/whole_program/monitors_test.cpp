@@ -128,6 +128,21 @@ TEST_F(monitors, a_parent_that_is_started_anew_is_found_again) {
   stop();
 }
 
+TEST_F(monitors, samples_come_at_their_interval_whatever_the_time_of_day_becomes) {
+  static int64_t time_of_day = 1'700'000'000'000, passed = 1'000'000;
+  const auto clock_before = std::exchange(wllb_clock_ms, [] { return time_of_day; });
+  const auto monotonic_before = std::exchange(wllb_monotonic_ms, [] { return passed; });
+  fp_stats_mon_frequency = 10000;
+  const time_t last = wllb_monotonic_s();
+  time_of_day -= 3'600'000;
+  passed += 9'000;
+  EXPECT_FALSE(tqp_sample_is_due(last));
+  passed += 1'000;
+  EXPECT_TRUE(tqp_sample_is_due(last));
+  wllb_clock_ms = clock_before;
+  wllb_monotonic_ms = monotonic_before;
+}
+
 TEST_F(monitors, samples_are_skipped_while_the_parent_leaves_too_much_unread) {
   tqp_process_state_init();
   wllb_copy_text(wl_wdir, sizeof wl_wdir, directory);

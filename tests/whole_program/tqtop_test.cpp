@@ -38,7 +38,7 @@ TEST_F(operators_view, tells_lag_rates_flowpaths_in_flight_and_errors) {
   keywords("TQP_NEW_RAW_DATA_POLL_INTERVAL 10\n");
   const std::string header = ",1,1.0,5,0,/x,,,1,2,0,thread,0\n";
   raw(identity() + "2,100:100:0:100" + header + "2,102:102:0:102" + header + "5,cut");
-  raw(identity("T_S_Other"), "T_S_Other");
+  raw(identity("T_S_Other", 3, 4, 6), "T_S_Other");
   std::ofstream(directory + "/samples")
       << "0:TQP|2 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n5:Tier_Server_App|9 9 9 9 9 9 9 9 9 9 9\n"
          "5:Tier_Server_App|1 2 3 4 5 6 7 8 90 10 0.5\n3|4|5:T_S_Other|1 2\n";

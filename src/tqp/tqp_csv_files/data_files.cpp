@@ -3,15 +3,18 @@
 //   In      paths that their callers have built; resume_flag, ownerid and grpid
 //   Out     streams; files with the owner of the test run directory
 //   Thread  any; a stream belongs to its caller
-//   Failure null and a line in the trace; an owner that cannot be set is let be; rows on a full disk are lost
+//   Failure null and a line in the trace, or a wait (output_wait.h); an owner that cannot be set is let be; rows on a
+//           full disk are lost
 
 #include "data_files.h"
+
+#include "output_wait.h"
+#include "wllb_output_file.h"
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
-#include <stdio_ext.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,14 +24,35 @@ static int open_flags(std::string_view mode) {
     return O_CREAT | O_TRUNC | O_WRONLY;
   if (mode == "w+")
     return O_CREAT | O_TRUNC | O_RDWR;
+  if (mode == "wx")
+    return O_CREAT | O_EXCL | O_WRONLY;
   if (mode == "r")
     return O_RDONLY;
   return O_CREAT | O_RDWR; // a stream opened with "a" sets O_APPEND on its descriptor by itself
 }
 
-FILE *my_fopen(const char *path, const char *mode) {
+static wllb_owner data_owner() {
+  return {static_cast<uid_t>(ownerid), static_cast<gid_t>(grpid)};
+}
+
+// What cannot be read is not there, as a rule; what cannot be written is waited for.
+static int open_data_file(const char *path, int flags) {
+  if (flags == O_RDONLY)
+    return wllb_open_plain(path, flags | O_NOFOLLOW);
+  tqp_output_wait wait;
+  int fd;
+  do
+    fd = wllb_open_output(path, flags, data_owner());
+  while (fd < 0 && wait.try_again(path));
+  if (fd >= 0)
+    wait.done(path);
+  return fd;
+}
+
+// `stream_mode`: what the stream is for, once the file has been opened in `mode`.
+static FILE *open_stream(const char *path, const char *mode, const char *stream_mode) {
   const int flags = open_flags(mode);
-  const int fd = open(path, flags | O_CLOEXEC, 0666);
+  const int fd = open_data_file(path, flags);
   if (fd < 0) {
     const int error = errno;
     if (!strstr(path, ".recovery")) // a restart asks for recovery files that nobody has written yet
@@ -36,7 +60,7 @@ FILE *my_fopen(const char *path, const char *mode) {
                  path, mode, static_cast<unsigned>(flags), wllb_strerror(error).c_str(), error);
     return nullptr;
   }
-  FILE *stream = fdopen(fd, mode);
+  FILE *stream = fdopen(fd, stream_mode);
   if (!stream) {
     const int error = errno;
     close(fd);
@@ -46,21 +70,23 @@ FILE *my_fopen(const char *path, const char *mode) {
   return stream;
 }
 
-void tqp_own_path(const char *path) {
-  if (chown(path, static_cast<uid_t>(ownerid), static_cast<gid_t>(grpid)) != 0)
-    return; // files keep the owner they have
+FILE *my_fopen(const char *path, const char *mode) {
+  return open_stream(path, mode, mode[0] == 'w' && mode[1] == 'x' ? "w" : mode);
+}
+
+void tqp_own_directory(const char *path) {
+  wllb_own_directory(path, data_owner());
 }
 
 wllb_file tqp_open_plain_file(const std::string &path, const char *mode) {
   return wllb_file(wllb_is_regular_file(path.c_str()) ? my_fopen(path.c_str(), mode) : nullptr);
 }
 
-bool tqp_write_data_file(const char *path, std::string_view text) {
-  FILE *file = my_fopen(path, "w");
+bool tqp_write_data_file(const char *path, std::string_view text, const char *mode) {
+  FILE *file = my_fopen(path, mode);
   if (!file)
     return false;
-  tqp_own_path(path);
-  const bool written = fwrite(text.data(), 1, text.size(), file) == text.size();
+  const bool written = wllb_write_all(fileno(file), text);
   return fclose(file) == 0 && written;
 }
 
@@ -69,11 +95,7 @@ static std::string path_beside(const std::string &path) {
 }
 
 FILE *tqp_begin_replacing(const std::string &path) {
-  const std::string beside = path_beside(path);
-  FILE *file = my_fopen(beside.c_str(), "w");
-  if (file)
-    tqp_own_path(beside.c_str());
-  return file;
+  return my_fopen(path_beside(path).c_str(), "wx");
 }
 
 bool tqp_end_replacing(FILE *file, const std::string &path, bool whole) {
@@ -89,16 +111,14 @@ bool tqp_end_replacing(FILE *file, const std::string &path, bool whole) {
 
 bool tqp_replace_data_file(const std::string &path, std::string_view text) {
   FILE *file = tqp_begin_replacing(path);
-  return file && tqp_end_replacing(file, path, fwrite(text.data(), 1, text.size(), file) == text.size());
+  return file && tqp_end_replacing(file, path, wllb_write_all(fileno(file), text));
 }
 
 FILE *tqp_make_data_file_as(const char *path, const char *mode, bool keep_open) {
-  FILE *made = my_fopen(path, mode);
-  if (!made)
-    return nullptr;
-  fclose(made); // nothing may be written before the file has its owner
-  tqp_own_path(path);
-  return keep_open ? my_fopen(path, "a") : nullptr;
+  FILE *made = open_stream(path, mode, "a");
+  if (!keep_open)
+    tqp_close_stream(&made);
+  return made;
 }
 
 FILE *tqp_make_data_file(const char *path, bool keep_open) {
@@ -138,40 +158,18 @@ static bool cut_torn_row(int fd, int64_t row_size) {
 
 bool tqp_append_rows(FILE *stream, std::string_view rows) {
   const int fd = fileno(stream);
-  size_t done = 0;
-  int error = 0;
-  while (done < rows.size() && error == 0) {
-    const ssize_t got = write(fd, rows.data() + done, rows.size() - done);
-    if (got > 0)
-      done += static_cast<size_t>(got);
-    else if (got == 0 || errno != EINTR)
-      error = got == 0 ? EIO : errno;
-  }
-  if (error == 0)
+  const size_t done = wllb_write_some(fd, rows);
+  if (done == rows.size())
     return true;
+  const int error = errno;
   if (done > 0 && ftruncate(fd, size_of(fd) - static_cast<int64_t>(done)) != 0)
     wllb_trace(1, "Error", "Could not take away part of a row. Error = %s", wllb_strerror(errno).c_str());
   tell_unwritten_rows(fd, error);
   return false;
 }
 
-void tqp_flush_stream(FILE *stream) {
-  if (!stream)
-    return;
-  if (__fpending(stream) > 0)
-    fflush(stream);
-  if (!ferror(stream))
-    return;
-  tell_unwritten_rows(fileno(stream), errno);
-  cut_torn_row(fileno(stream), 0);
-  clearerr(stream);
-}
-
 void tqp_cut_torn_row(const char *path, int64_t row_size) {
-  const int fd = wllb_is_regular_file(path) ? open(path, O_RDWR | O_CLOEXEC) : -1;
-  if (fd < 0)
-    return;
-  if (cut_torn_row(fd, row_size))
+  const wllb_fd file(wllb_open_output(path, O_RDWR, data_owner()));
+  if (file.fd >= 0 && cut_torn_row(file.fd, row_size))
     wllb_trace(1, "Warning", "File %s ended in the middle of a row, which is taken away", path);
-  close(fd);
 }

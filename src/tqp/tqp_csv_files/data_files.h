@@ -7,15 +7,16 @@
 
 #include "tqp_main.h"
 
-// Opens a data file. "w" and "w+" truncate, "r" only reads, any other mode makes the file when it is missing.
-// Null on failure, which is traced unless the path holds ".recovery". Descriptors are close-on-exec.
+// Opens a data file, never through a link. "w" and "w+" truncate, "wx" makes a new file for a moment, "r" only reads, any
+// other mode makes the file when it is missing; all but "r" give it to ownerid and grpid. Null on failure, which is traced
+// unless the path holds ".recovery"; an instance's thread waits instead (output_wait.h), and gets null in a stop alone.
 FILE *my_fopen(const char *path, const char *mode);
 
 // The same for a file that has to be there already, and a plain one; null for anything else in its place.
 wllb_file tqp_open_plain_file(const std::string &path, const char *mode);
 
-// Replaces a file's content; the file gets its owner. True when all of it is written.
-bool tqp_write_data_file(const char *path, std::string_view text);
+// Replaces a file's content; the file gets its owner. With mode "wx" it is made anew. True when all of it is written.
+bool tqp_write_data_file(const char *path, std::string_view text, const char *mode = "w");
 
 // Opens an empty file beside `path`, owned as data files are. Null when it cannot be made.
 FILE *tqp_begin_replacing(const std::string &path);
@@ -27,11 +28,11 @@ bool tqp_end_replacing(FILE *file, const std::string &path, bool whole);
 // Both at once. False leaves the old content and the reason in errno.
 bool tqp_replace_data_file(const std::string &path, std::string_view text);
 
-// Gives a path to ownerid and grpid; a failure is ignored.
-void tqp_own_path(const char *path);
+// Gives a directory to ownerid and grpid; a failure is ignored.
+void tqp_own_directory(const char *path);
 
-// Makes a data file: opened by resume_flag (append or truncate), closed, given to its owner. With `keep_open` it is
-// opened again in mode "a" and returned, else the result is null.
+// Makes a data file, by resume_flag: what it has stays, or goes. With `keep_open` it is returned, for appending; else the
+// result is null.
 FILE *tqp_make_data_file(const char *path, bool keep_open);
 
 // Like tqp_make_data_file, but always empties the file (mode "w") or never does (mode "a"), whatever resume_flag says.
@@ -40,13 +41,9 @@ FILE *tqp_make_data_file_as(const char *path, const char *mode, bool keep_open);
 // Closes a stream and clears the slot that held it; a null stream does nothing.
 void tqp_close_stream(FILE **stream);
 
-// Appends rows to a file whose stream holds nothing back, all or none: what the system takes of them before it fails is
-// taken away again. False on failure, which is traced.
+// Appends rows to a file, past the stream's own buffer, which nobody uses; all or none: what the system takes of them
+// before it fails is taken away again. False on failure, which is traced.
 bool tqp_append_rows(FILE *stream, std::string_view rows);
-
-// Writes out what a stream of text rows holds back; of a row that the system takes in part nothing stays, which is
-// traced. No system call when nothing is held back; a null stream does nothing.
-void tqp_flush_stream(FILE *stream);
 
 // Takes away what a kill has left behind the last whole row of a file, so that the next one is not glued to it: rows of
 // that many bytes, or with 0 lines of text. A file that is missing or cannot be read stays as it is.

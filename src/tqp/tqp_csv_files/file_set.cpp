@@ -8,6 +8,7 @@
 #include "flowpath_files.h"
 #include "tqp_csv_files.h"
 
+#include "wllb_output_file.h"
 #include "wllb_partition.h"
 
 #include <cstdlib>
@@ -48,7 +49,7 @@ const char *tqp_data_file_name(int slot) {
 // Makes a directory with all its parents and gives it alone to the owner; `dir` ends with '/'.
 static void make_owned_dir(const std::string &dir) {
   mkdir_ex(dir.c_str());
-  tqp_own_path(dir.c_str());
+  tqp_own_directory(dir.c_str());
 }
 
 void create_tq_dir_and_subdir(tqp_instance_t *inst, const char *partition) {
@@ -59,7 +60,7 @@ void create_tq_dir_and_subdir(tqp_instance_t *inst, const char *partition) {
   const std::string tq = wllb_format("%s/logs/TR%d/%s/tq", wl_wdir, testidx, partition);
   mkdir_ex((tq + "/logs/").c_str());
   for (const char *level : {"", "/csv", "/logs"})
-    tqp_own_path((tq + level).c_str());
+    tqp_own_directory((tq + level).c_str());
 }
 
 // Takes over a path in place. The room of 5 bytes more than the first one needs is enough for all partitions' names.
@@ -122,12 +123,11 @@ void close_all_instance_files_open_debug_files(tqp_instance_t *inst) {
 static void make_linked_dir(const std::string &target, const std::string &link) {
   if (!wllb_path_exists(target.c_str())) {
     mkdir_ex((target + "/tmp").c_str());
-    tqp_own_path(target.c_str());
+    tqp_own_directory(target.c_str());
   }
   mkdir_ex(link.c_str());
-  if (!wllb_path_exists(link.c_str()) && symlink(target.c_str(), link.c_str()) == 0 &&
-      lchown(link.c_str(), static_cast<uid_t>(ownerid), static_cast<gid_t>(grpid)) != 0)
-    return; // the link keeps the owner it has
+  if (!wllb_path_exists(link.c_str()))
+    wllb_make_link(target.c_str(), link.c_str(), {static_cast<uid_t>(ownerid), static_cast<gid_t>(grpid)});
 }
 
 std::string tqp_make_binary_dir(const char *partition, const char *kind, const std::string &in_place,
@@ -135,7 +135,7 @@ std::string tqp_make_binary_dir(const char *partition, const char *kind, const s
   wllb_hold hold(lock); // all instances of a partition come here at the same time
   if (disk_processed_path.empty()) {
     mkdir_ex((in_place + "/tmp").c_str());
-    tqp_own_path(in_place.c_str());
+    tqp_own_directory(in_place.c_str());
     return in_place;
   }
   std::string target = wllb_format("%s/TR%d/%s/tq/%s", disk_processed_path.c_str(), testidx, partition, kind);
@@ -223,17 +223,10 @@ static void flush_messages(tqp_instance_t *inst) {
   csv_dump_jms_data(inst, 0, 0, nullptr, 0, 1);
 }
 
-// Rows of writers without a buffer of their own.
-static void flush_open_files(tqp_instance_t *inst) {
-  for (FILE *stream : inst->csv_file_pointers)
-    tqp_flush_stream(stream);
-}
-
 // What holds rows back, in the order in which it is written out: first the bytes that rows point to. Metadata rows are
 // flushed one by one.
 constexpr void (*flush_steps[])(tqp_instance_t *) = {flush_blobs,       flush_flowpath_rows, flush_exceptions,
-                                                     flush_custom_data, flush_arguments,     flush_messages,
-                                                     flush_open_files};
+                                                     flush_custom_data, flush_arguments,     flush_messages};
 
 void csv_dump_all_files(tqp_instance_t *inst) {
   for (const auto &flush : flush_steps)

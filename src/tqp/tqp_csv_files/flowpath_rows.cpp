@@ -12,6 +12,7 @@
 #include "tqp_csv_files.h"
 
 #include <concepts>
+#include <utility>
 
 // --- columns ------------------------------------------------------------------------------------------------------
 
@@ -186,8 +187,8 @@ static size_t row_room(const concurrent_flowpath_t *fp, const segment_fp_t *s, c
          reference.size() + sizeof s->url_query_parm_str + sizeof s->correlationid + sizeof s->threadName;
 }
 
-static std::string_view put_row(tqp_instance_t *inst, const concurrent_flowpath_t *fp, const segment_fp_t *s,
-                                const std::string &reference) {
+static void put_row(tqp_instance_t *inst, const concurrent_flowpath_t *fp, const segment_fp_t *s,
+                    const std::string &reference) {
   wllb_text &row = inst->segment_list_buf; // the list has just been written
   wllb_text_clear(row);
   wllb_putter put(row, row_room(fp, s, reference), "flowpath row");
@@ -208,7 +209,6 @@ static std::string_view put_row(tqp_instance_t *inst, const concurrent_flowpath_
   put_columns(put, s->gcOver, fp->dynamic_logging_enabled, fp->trace_request, s->tags_norm_id);
   put.at[-1] = '\n';
   put.done(row);
-  return wllb_text_view(row);
 }
 
 // Ends a flowpath whose segments have all arrived, or that is forced out.
@@ -222,9 +222,9 @@ static void write_flowpath(tqp_instance_t *inst, concurrent_flowpath_t *fp, segm
                static_cast<long long>(self_fpi), static_cast<long long>(fp->main_fpi));
     return;
   }
-  sqb_fwrite(inst, nullptr, 0, true, false); // the stream may write a row out by itself, so its blobs go first
-  const std::string_view row = put_row(inst, fp, segment, reference);
-  fwrite(row.data(), 1, row.size(), stream);
+  sqb_fwrite(inst, nullptr, 0, true, false); // no row may reach its file ahead of its blobs
+  put_row(inst, fp, segment, reference);
+  inst->flowpath_row_file = stream; // the save writes it, after the offset
   remove_from_segment_array(inst, fp, -1, self_fpi);
   if (!chk_fp_is_wl_initiated_tx(self_fpi))
     ++inst->sum_rep_counters[SUM_REP_CNT_NON_WL_FLOWPATH];
@@ -314,10 +314,10 @@ static bool run_segment(tqp_instance_t *inst, concurrent_flowpath_t *fp, segment
   return false;
 }
 
-static void flush_rows(const tqp_instance_t *inst) {
+static void flush_rows(tqp_instance_t *inst) {
   wllb_trace(2, "Info", "FP is NULL, soo we are flushing the buffer");
-  tqp_flush_stream(inst->prev_csv_file_pointers[FLOWPATH_CSV_FP]);
-  tqp_flush_stream(inst->csv_file_pointers[FLOWPATH_CSV_FP]);
+  if (FILE *const stream = std::exchange(inst->flowpath_row_file, nullptr))
+    tqp_append_rows(stream, wllb_text_view(inst->segment_list_buf));
 }
 
 void csv_dump_flowpath(tqp_instance_t *inst, int slot, segment_fp_t *segment) {

@@ -7,6 +7,8 @@
 
 #include "tqp_csv_files.h"
 
+#include "wllb_output_file.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
@@ -64,9 +66,8 @@ std::string remove_duplicate_fn_grps(const char *path) {
   return kept;
 }
 
-// Never through a link: the directory is everybody's.
 static bool overwrite_plain_file(const char *path, std::string_view text) {
-  const wllb_fd file(wllb_open_plain(path, O_WRONLY | O_TRUNC | O_NOFOLLOW));
+  const wllb_fd file(wllb_open_output(path, O_WRONLY | O_TRUNC));
   return file.fd >= 0 && wllb_write_all(file.fd, text);
 }
 

@@ -2,8 +2,8 @@
 //   In      norm ids just given out and their texts, from the record readers of all instances
 //   Out     the common files below; they are also the memory from which a restart rebuilds its norm tables
 //   Thread  any instance's; each file is written under its lock, so rows of one file come in any order of id
-//   Failure a file that does not open is told at each row and tried again with the next one; the row is lost. On a full
-//           disk rows wait, up to a limit, since their ids are in use
+//   Failure a file that does not open or has no room is reported at each row and tried again with the next one. Until
+//           then rows wait, up to a limit, since their ids are in use
 // Samples:  17,0,com.acme.Pay.charge   (TQMetaData.csv: id, kind, text, which may hold commas)
 //           User-Agent,3               (TQHTTPHeaderMetaData.csv and TQFPSignature.csv: text first)
 
@@ -99,7 +99,7 @@ const char *tqp_metadata_file_name(int idx) {
 
 void create_csv_metadata_files(const char *path) {
   mkdir_ex(path); // a fresh test run has no such directory before its first instance
-  tqp_own_path(path);
+  tqp_own_directory(path);
   for (const metadata_csv_idx idx : making_order) {
     if (idx == METADATA_EX_CSV_IDX && !tqp_extended_metadata)
       continue;
@@ -163,8 +163,7 @@ bool tqp_append_metadata_row(tqp_instance_t *inst, int idx, std::string_view row
     stream = open_late(inst, file);
   if (stream && write_waiting(idx, stream) && tqp_append_rows(stream, row))
     return true;
-  if (stream)
-    let_wait(idx, row);
+  let_wait(idx, row);
   wllb_trace(1, "Error", "%s", file.failure);
   return false;
 }

@@ -4,7 +4,7 @@
 //   Thread  the instance's; the directory is made under sqb_dir_lock
 //   Failure a file that cannot be opened is traced and tried again with the next write; what was to go there is lost
 // Version B, a segment:  gzip(callouts) gzip(blob) gzip(request detail)      A, C:  callouts \n blob \n request detail \n
-// The write-behind buffer is the only one: both streams are unbuffered. sqbfile_offset counts what is in it as written.
+// The write-behind buffer is the only one: nobody uses those of the streams. sqbfile_offset counts what is in it as written.
 
 #include "flowpath_files.h"
 #include "tqp_csv_files.h"
@@ -29,9 +29,7 @@ static FILE *open_in_partition(const tqp_instance_t *inst, const char *partition
   const std::string path = wllb_format("%s/%d", in_place.c_str(), inst->appID); // where readers look, link or not
   FILE *stream = mode ? tqp_make_data_file_as(path.c_str(), mode, true) : tqp_make_data_file(path.c_str(), true);
   const int error = errno;
-  if (stream)
-    setvbuf(stream, nullptr, _IONBF, 0);
-  else
+  if (!stream)
     wllb_trace(1, "Error", "Error in opening file '%s' for writing in append mode, err = '%s', errno = %d",
                path.c_str(), wllb_strerror(error).c_str(), error);
   return stream;
@@ -64,7 +62,7 @@ void tqp_rotate_sqb_file(tqp_instance_t *inst) {
 // Bytes that the system does not take leave a hole: lines that point there find nothing, instead of the bytes that come
 // next. Where there can be no hole they are not counted, so that what comes later is found all the same.
 static void write_out(tqp_instance_t *inst, const char *data, size_t length) {
-  const size_t written = length > 0 ? fwrite(data, 1, length, inst->sqb_fp) : 0;
+  const size_t written = wllb_write_some(fileno(inst->sqb_fp), {data, length});
   if (written == length)
     return;
   const int error = errno;
@@ -73,7 +71,6 @@ static void write_out(tqp_instance_t *inst, const char *data, size_t length) {
     inst->sqbfile_offset -= missing;
   wllb_trace(1, "Error", "Could not write %lld bytes to the sequence blob file. Error = %s",
              static_cast<long long>(missing), wllb_strerror(error).c_str());
-  clearerr(inst->sqb_fp);
 }
 
 // False when the buffer has no room left behind the data.
@@ -95,12 +92,10 @@ static void flush_with(tqp_instance_t *inst, const char *data, size_t length) {
   csv_dump_flowpath(inst, 0, nullptr);
 }
 
-// The previous partition's bytes wait for nobody. What is flushed is the current stream.
+// The previous partition's bytes wait for nobody.
 static void write_to_previous(const tqp_instance_t *inst, const char *data, size_t length) {
-  if (inst->prev_sqb_fp && length > 0)
-    fwrite(data, 1, length, inst->prev_sqb_fp);
-  if (inst->sqb_fp)
-    fflush(inst->sqb_fp);
+  if (inst->prev_sqb_fp)
+    wllb_write_all(fileno(inst->prev_sqb_fp), {data, length});
 }
 
 void sqb_fwrite(tqp_instance_t *inst, const char *data, size_t length, bool force_flush, bool to_prev) {

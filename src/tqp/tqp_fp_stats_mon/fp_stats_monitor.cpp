@@ -120,11 +120,11 @@ static void send_fp_data_to_wl() {
 // --- the thread --------------------------------------------------------------------------------------------------
 
 static void manage_fd_in_epoll() {
-  time_t last_sample = 0; // s; none yet
+  time_t last_sample = 0; // s, monotonic clock; none yet
   while (wl_status == WL_RUNNING) {
     if (tqp_sample_is_due(last_sample)) {
       send_fp_data_to_wl();
-      last_sample = wllb_now();
+      last_sample = wllb_monotonic_s();
     }
     tqp_links_wait(fp_stat_epoll_fd, {&tqp_mrcptr}, 1, 500);
   }

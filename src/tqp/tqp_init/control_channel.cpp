@@ -114,7 +114,7 @@ static void serve_tqc(int fd) {
 // --- the timer ---------------------------------------------------------------------------------------------------
 
 static void discover_if_due() {
-  if (wllb_now() - last_scandir_time < tqp_periodic_scandir_time)
+  if (wllb_monotonic_s() - last_scandir_time < tqp_periodic_scandir_time)
     return;
   periodic_scandir_flag = 1;
   tqp_discover_instances(1);

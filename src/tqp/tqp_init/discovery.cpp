@@ -168,7 +168,7 @@ static int finish_empty_partitions(int running_threads) WLLB_REQUIRES(check_and_
 
 int tqp_discover_instances(int periodic) {
   wllb_hold hold(check_and_create_partition_done_file_mutex);
-  last_scandir_time = wllb_now();
+  last_scandir_time = wllb_monotonic_s();
   const int result = walk_unfinished_partitions(periodic);
   bool none;
   int running_threads;

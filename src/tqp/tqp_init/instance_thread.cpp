@@ -5,6 +5,7 @@
 //   Failure without a partition the thread ends and its entry stays
 
 #include "instance_registry.h"
+#include "output_wait.h"
 #include "state_save.h"
 #include "tqp_async_handling.h"
 #include "tqp_csv_files.h"
@@ -174,6 +175,8 @@ void *process_raw_data(void *arg) {
   count_running_thread();
   tqp_instance_tptr = inst;
   wllb_trace_self = {inst->tier_server_app_name, &inst->debug_level};
+  const tqp_waits_for_output waits(inst);
+  const tqp_descriptor_claim descriptors;
   if (pthread_setname_np(pthread_self(), "TQP_NEWINSTANCE") != 0)
     wllb_trace(1, "Error", "Unable to set thread Name for instance %s", inst->tier_server_app_name);
   if (!tqp_is_offline())
@@ -224,7 +227,7 @@ void tq_init_app_instance(tqp_instance_t *inst) {
       wllb_format("%s/logs/TR%d/tq/recovery/%s/tqp", wl_wdir, testidx, inst->tier_server_app_name);
   if (mkdir_ex((directory + "/tmpfile").c_str()) != 0)
     wllb_trace(1, "Error", "ERROR creating recovery directory %s", directory.c_str());
-  tqp_own_path(directory.c_str());
+  tqp_own_directory(directory.c_str());
 }
 
 static bool file_ends_with_data_over(FILE *file) {

@@ -32,7 +32,7 @@ void setInstanceDisableFlag(const char *name);
 
 // 1 while the timed discovery runs, so that its finds are counted.
 extern int periodic_scandir_flag;
-extern time_t last_scandir_time; // start of the last discovery
+extern time_t last_scandir_time; // s, monotonic clock: start of the last discovery
 
 // A raw file's name that stands for an instance: two "_" at least, ends in ".txt", does not begin with "agg_data" or a
 // dot, no '/', no control byte, at most 255 bytes.

@@ -31,6 +31,11 @@ static void take_address(const char *word, tqp_command_line *) {
   wllb_copy_text(tqc_ipaddr, sizeof tqc_ipaddr, word);
 }
 
+static void take_epoch_diff(const char *word, tqp_command_line *out) {
+  g_vex_epoc_diff = strtoll(word, nullptr, 10);
+  out->has_epoch_diff = true;
+}
+
 static void take_separator(const char *word, tqp_command_line *) {
   g_tq_vector_separator = word[0];
 }
@@ -54,7 +59,7 @@ constexpr option_row option_rows[] = {
     {'i', &fp_stats_mon_frequency,       nullptr,              nullptr},
     {'S', nullptr,                       &g_wl_time_stamp_ms,  nullptr},
     {'N', &wl_pid,                       nullptr,              nullptr},
-    {'e', nullptr,                       &g_vex_epoc_diff,     nullptr},
+    {'e', nullptr,                       nullptr,              take_epoch_diff},
     {'r', &resume_flag,                  nullptr,              nullptr},
     {'V', nullptr,                       nullptr,              take_separator},
     {'I', nullptr,                       nullptr,              take_address},

@@ -195,7 +195,7 @@ struct concurrent_flowpath_t {
   int32_t pending_segments_count;     // segments awaited
   int32_t pending_callouts_count;     // asynchronous callouts whose response is awaited
   int64_t root_fpi, main_fpi, parent_fpi;
-  time_t last_processed_ts;   // wall clock of the last header or blob record; 0: none yet
+  time_t last_processed_ts;   // s, monotonic clock, of the last header or blob record; 0: none yet
   time_t last_fp_timestamp;   // raw data clock of the last record
   int8_t fp_over_flag;        // the row is written: the slot is to be cleaned
   int8_t force_complete_flag; // the flowpath is being dumped as incomplete

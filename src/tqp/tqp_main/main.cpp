@@ -5,6 +5,7 @@
 //   Thread  main
 //   Failure a step that cannot be done ends the process with its status: 1 for options, keywords and discovery, else -1
 
+#include "output_wait.h"
 #include "process_frame.h"
 #include "tag_ids.h"
 #include "tqp_fp_stats_mon.h"
@@ -28,11 +29,12 @@ static void set_initial_values() {
   tqp_process_state_init();
   tqp_keywords_init();
   tqp_apply_outside_root();
+  tqp_prepare_descriptors();
 }
 
 static void note_the_start() {
   pthread_setname_np(pthread_self(), "TQP_MAIN_THREAD");
-  init_time = wllb_now();
+  init_time = wllb_monotonic_s();
 }
 
 static void open_trace_log() {
@@ -48,9 +50,13 @@ static void save_pid_when_online() {
     tqp_save_pid();
 }
 
-static void take_epoch_diff() {
-  if (!g_vex_epoc_diff)
-    g_vex_epoc_diff = wllb_get_cur_epoch_diff(base_dir.c_str());
+// Without it every row would seem to belong to a partition long ago, and be dropped.
+static void take_epoch_diff(const tqp_command_line &given) {
+  if (g_vex_epoc_diff || wllb_read_epoch_diff(base_dir.c_str(), &g_vex_epoc_diff) || given.has_epoch_diff)
+    return;
+  fprintf(stderr, "Error: '%s' is missing or holds no number, and no epoch difference is given with -e\n",
+          wllb_epoch_diff_path(base_dir.c_str()).c_str());
+  wllb_exit(-1);
 }
 
 static void read_keywords() {
@@ -134,12 +140,12 @@ static void find_test_run(int argc, char **argv, tqp_command_line *given) {
   open_trace_log();
   form_base_dir();
   end_unless_done(tqp_check_partition_range(given));
+  take_epoch_diff(*given); // before another process is asked to leave
   save_pid_when_online();
   read_owner_group();
   get_machine_config(&machine_mode);
   tqp_find_partitions();
   init_folly_hash();
-  take_epoch_diff();
 }
 
 static void configure(const tqp_command_line &given) {

@@ -11,39 +11,20 @@
 #include "tqp_stat_mon.h"
 #include "upload_child.h"
 
-#include <algorithm>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// A parent that has ended stays in the process table until its own parent has collected it, and counts as alive until
-// then. After the one event that its descriptor gives, it is looked at often, then less and less often.
-struct parent_watch {
-  int fd = -1; // -1: cannot be watched
-  bool ended = false;
-  int next_look_ms = 1; // doubles, once ended
-};
-
-static void watch_parent(int epfd, parent_watch *parent) {
-  parent->fd = static_cast<int>(syscall(SYS_pidfd_open, wl_pid, 0)); // close-on-exec by itself
-  if (parent->fd >= 0)
-    tqp_add_select(epfd, parent->fd, EPOLLIN | EPOLLONESHOT);
+// A descriptor that is readable once the parent has ended, or -1.
+static int watch_parent(int epfd) {
+  const int fd = static_cast<int>(syscall(SYS_pidfd_open, wl_pid, 0)); // close-on-exec by itself
+  if (fd >= 0)
+    tqp_add_select(epfd, fd, EPOLLIN | EPOLLONESHOT);
+  return fd;
 }
 
-static int sleep_ms(parent_watch *parent) {
-  if (!parent->ended)
-    return tsrun_poll_interval;
-  const int ms = std::min(parent->next_look_ms, tsrun_poll_interval);
-  parent->next_look_ms = ms * 2;
-  return ms;
-}
-
-static void sleep_until_event(int epfd, parent_watch *parent) {
+static void sleep_until_event(int epfd) {
   epoll_event event;
-  if (epoll_wait(epfd, &event, 1, sleep_ms(parent)) < 1)
-    return;
-  if (event.data.fd == parent->fd)
-    parent->ended = true;
-  else
+  if (epoll_wait(epfd, &event, 1, tsrun_poll_interval) == 1 && event.data.fd == tqp_signal_fd())
     tqp_drain_signal_fd();
 }
 
@@ -88,16 +69,13 @@ void tqp_main_loop(int epfd) {
     tqp_set_wl_status(WL_OVER);
     return;
   }
-  parent_watch parent;
-  watch_parent(epfd, &parent);
+  const wllb_fd parent(watch_parent(epfd));
   while (wllb_check_pid_alive(wl_pid)) {
-    sleep_until_event(epfd, &parent);
+    sleep_until_event(epfd);
     if (told_to_leave())
       break;
     act_on_signals();
   }
-  if (parent.fd >= 0)
-    close(parent.fd);
   if (!wllb_check_pid_alive(wl_pid)) // whatever the state was
     tqp_set_wl_status(WL_STOP_NOW);
 }

@@ -20,6 +20,7 @@ struct tqp_command_line {
   const char *working_dir = nullptr; // -W, a word of argv; null: not given
   int online_flag = 1;               // -m; 1: the upload child is run
   int testidx_count = 0;             // times -t was seen
+  bool has_epoch_diff = false;       // -e was given, be it 0
 };
 
 // Reads the arguments into `out` and the globals. 0; else the usage is on standard output and the process has to end:

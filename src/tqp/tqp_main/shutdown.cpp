@@ -63,7 +63,7 @@ static void close_done_file() {
 }
 
 static void print_last_lines() {
-  const long seconds = static_cast<long>(std::max<time_t>(wllb_now() - init_time, 0));
+  const long seconds = static_cast<long>(wllb_monotonic_s() - init_time);
   puts("Processing completed for TQ Data!");
   printf("Total time taken = %02d:%02d:%02d\n", static_cast<int>(seconds / 3600), static_cast<int>(seconds / 60 % 60),
          static_cast<int>(seconds % 60));

@@ -54,6 +54,7 @@ static const signal_row signal_rows[] = {
     {SIGRTMIN + 5, raise_flag<sig_dump_loc2norm_maps>,         false},
     {SIGRTMIN + 6, raise_flag<sig_dump_cur_proccesing_status>, true},
     {SIGPIPE,      SIG_IGN,                                    false},
+    {SIGXFSZ,      SIG_IGN,                                    false}, // the write fails instead, and its writer reports it
     // clang-format on
 };
 

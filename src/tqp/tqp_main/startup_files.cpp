@@ -8,6 +8,7 @@
 #include "data_files.h"
 #include "process_frame.h"
 #include "tqp_process_data.h"
+#include "wllb_output_file.h"
 #include "wllb_partition.h"
 
 #include <cerrno>
@@ -243,11 +244,8 @@ void tqp_make_method_timing_marker() {
 void tqp_add_pid_to_cgroup() {
   if (!tqp_add_pid_to_cgroups || !wllb_path_exists(outside_paths.cgroup_dir.c_str()))
     return;
-  wllb_file tasks(fopen((outside_paths.cgroup_dir + "tasks").c_str(), "r+e"));
-  if (!tasks)
-    return;
-  const int printed = fprintf(tasks.get(), "%d", getpid());
-  if (fclose(tasks.release()) == 0 && printed > 0) // the kernel's answer comes with the flush
+  const wllb_fd tasks(wllb_open_output((outside_paths.cgroup_dir + "tasks").c_str(), O_WRONLY));
+  if (tasks.fd >= 0 && wllb_write_all(tasks.fd, std::to_string(getpid())))
     fprintf(stderr, "Successfully added the ProcessID of TQP to cgroup tasks\n");
 }
 

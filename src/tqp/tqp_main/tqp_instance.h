@@ -20,7 +20,7 @@
 struct rawerr_log_counter_t {
   int32_t g_count;            // errors since the last hand-over to the health monitor
   int32_t throttle_count;     // errors since the last written line; 0: the next one is written at once
-  int64_t throttle_timestamp; // ms, wall clock, of the last written line
+  int64_t throttle_timestamp; // ms, monotonic clock, of the last written line
 };
 
 enum tqp_raw_data_error_types { RAWERR_META_DATA = 0, RAWERR_SQB_TIMING = 1, __NUM_RAWERR_TYPES__ = 2 };
@@ -108,7 +108,7 @@ struct tqp_instance_t {
   // --- counters -----------------------------------------------------------------------------------------------
   int64_t sum_rep_counters[__NUM_SUM_REP_CNT__] = {}; // cleared at each partition switch
   rawerr_log_counter_t rawerr_log_counter[__NUM_RAWERR_TYPES__] = {};
-  int64_t g_count_reset_ts = 0;                            // ms, wall clock, of the last hand-over
+  int64_t g_count_reset_ts = 0;                            // ms, monotonic clock, of the last hand-over
   tqp_instance_mon_stat_info_t tqp_instance_mon_stat_info; // read by the monitors, under its lock
 
   // --- local id -> norm id; 0 is unknown. The instance thread, by discovery records -------------------------
@@ -162,7 +162,8 @@ struct tqp_instance_t {
   int32_t prev_sqbfile_offset = 0;    // the same for the previous file; note the narrower type
   wllb_text sqb_file_buf = {};        // write-behind buffer, max_buffered_sqb_bufsize bytes
   wllb_text flowpath_sqb_buffer = {}; // compressed text of one call
-  wllb_text segment_list_buf = {};    // list of a flowpath's segments while it is put together
+  wllb_text segment_list_buf = {};    // list of a flowpath's segments while it is put together; then its row
+  FILE *flowpath_row_file = nullptr;  // where the row in segment_list_buf goes with the next save; null: there is none
 
   // --- flowpaths in flight: the instance thread ---------------------------------------------------------------
   wllb_zarray<concurrent_flowpath_t> con_fp_buf; // slots; moves when it grows
@@ -172,7 +173,7 @@ struct tqp_instance_t {
   fp_slot_index_t fp_slot_index = {};            // which slot has which main_fpi, and which are free
   wllb_zarray<int64_t> recent_fpi_array;         // ring of max_fi_array_entries flowpath numbers
   int cur_fpi_index = 0;                         // next write position of the ring
-  time_t last_dead_fp_cleanup_ts = 0;            // s, wall clock, of the last sweep
+  time_t last_dead_fp_cleanup_ts = 0;            // s, monotonic clock, of the last sweep
   time_t fp_last_updated_ts_in_sec = 0;          // s, raw data clock
   char bt_category_flag = 0;                     // closing records: 0 not known, 1 without category, 2 with
 
@@ -193,7 +194,7 @@ struct tqp_instance_t {
   // --- reader state: the instance thread ---------------------------------------------------------------------
   uint64_t bytes_processed_in_prev_chunks WLLB_GUARDED_BY(fp_stats_mutex) = 0;
   wllb_relaxed<uint32_t> bytes_processed_in_current_chunk; // set for every line, hence no lock of its own
-  time_t commentry_time = 0;                               // of the last progress line; 0: none yet
+  time_t commentry_time = 0;                               // s, monotonic clock, of the last progress line; 0: none yet
   int64_t raw_data_lines_total_count = 0;                  // lines of the whole file, counted once; 0: not yet
   std::atomic<int64_t> raw_data_file_offset{0};            // bytes of complete lines consumed; read by other threads
   FILE *raw_data_file_offset_fp = nullptr;                 // the offset file
@@ -204,16 +205,17 @@ struct tqp_instance_t {
   time_t last_timestamp = 0;                               // s, newest time stamp seen in the data
   time_t last_pending_callout_fp_checked_ts = 0;           // s, clock of the data
   char disable_req_metadata_from_bci = 0;                  // metadata requests are paused
-  unsigned last_meta_data_retry_time_in_sec = 0;
-  uint16_t meta_recovery_counter = 0;                 // metadata requests in this partition
-  int64_t negative_timestamp_count = 0;               // cleared at each switch
-  char first_bad_fp_raw_data_marker_fpg2 = 0;         // one bad-data mark a partition
-  wllb_zarray<char> data_buf;                         // work buffer of a record
-  wllb_mp_handler tqp_flowpath_seg_pool = {};         // slots of segment_fp_t
-  wllb_mp_handler tqp_flowpath_pending_seg_pool = {}; // slots of pending_segment_fp_t
+  time_t last_meta_data_retry_time_in_sec = 0;             // monotonic clock
+  uint16_t meta_recovery_counter = 0;                      // metadata requests in this partition
+  int64_t negative_timestamp_count = 0;                    // cleared at each switch
+  char first_bad_fp_raw_data_marker_fpg2 = 0;              // one bad-data mark a partition
+  wllb_zarray<char> data_buf;                              // work buffer of a record
+  wllb_mp_handler tqp_flowpath_seg_pool = {};              // slots of segment_fp_t
+  wllb_mp_handler tqp_flowpath_pending_seg_pool = {};      // slots of pending_segment_fp_t
 
   // --- life ---------------------------------------------------------------------------------------------------
-  char get_tsa_id = 0;                // 1: the identity record failed
+  char get_tsa_id = 0;                // 1: the identity record failed; 2: for another instance has its id
+  bool has_identity = false;          // appID is the one of its file; under tqp_imap_lock
   char tq_data_over = 0;              // the file's last record is the end event
   wllb_relaxed<char> active_flag;     // the thread has begun; read by the statistics monitor
   wllb_relaxed<int> enable_flag;      // INSTANCE_DELETE; written by the control thread

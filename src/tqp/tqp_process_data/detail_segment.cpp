@@ -59,7 +59,7 @@ bool tqp_place_detail(tqp_instance_t *inst, char *tuple_text, detail_place *plac
   } else if (!open_ahead_of_header(inst, tuple, &slot)) {
     return false;
   }
-  inst->con_fp_buf.data[slot].last_processed_ts = wllb_now();
+  inst->con_fp_buf.data[slot].last_processed_ts = wllb_monotonic_s();
   *place = {tuple.main_fpi, tuple.self_fpi};
   return true;
 }

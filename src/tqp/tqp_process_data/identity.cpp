@@ -57,9 +57,23 @@ static bool read_names(tq_event &ev) WLLB_REQUIRES(tqp_imap_lock) {
   return false;
 }
 
-// 0, or -1 for a record that ends early or belongs to another file. Others see the names and the ids at once.
+// Blob files are named by the application's id, so two instances with the same one would write over each other's blobs:
+// the first one keeps it as long as it lives.
+static bool belongs_to_another(const tqp_instance_t *inst, int app_id) WLLB_REQUIRES(tqp_imap_lock) {
+  for (const tqp_instance_t *other : tqp_imap) {
+    if (!other || other == inst || !other->has_identity || other->appID != app_id)
+      continue;
+    wllb_trace(1, "Critical", "CRITICAL ERROR: %s | Its application id %d is that of %s, so its file is not read.",
+               inst->tier_server_app_name, app_id, other->tier_server_app_name);
+    return true;
+  }
+  return false;
+}
+
+// 0; -1 for a record that ends early or belongs to another file; -2 for one with another instance's id. Others see the names and the ids at once.
 static int parse_tq_ev_tsa_id_header(tq_event &ev) {
   wllb_hold hold(tqp_imap_lock);
+  ev.inst->has_identity = false;
   if (!read_names(ev))
     return -1;
   for (int *id : {&ev.inst->tierID, &ev.inst->serverID}) {
@@ -68,7 +82,11 @@ static int parse_tq_ev_tsa_id_header(tq_event &ev) {
       return -1;
     *id = atoi(text);
   }
-  ev.inst->appID = atoi(ev.f.next());
+  const int app_id = atoi(ev.f.next());
+  if (belongs_to_another(ev.inst, app_id))
+    return -2;
+  ev.inst->appID = app_id;
+  ev.inst->has_identity = true;
   return 0;
 }
 
@@ -81,8 +99,9 @@ static void name_thread(const tqp_instance_t *inst) {
 
 void tq_run_identity(tq_event &ev) {
   tqp_instance_t *inst = ev.inst;
-  if (parse_tq_ev_tsa_id_header(ev) < 0) {
-    inst->get_tsa_id = 1;
+  const int result = parse_tq_ev_tsa_id_header(ev);
+  if (result < 0) {
+    inst->get_tsa_id = static_cast<char>(-result);
     return;
   }
   name_thread(inst);

@@ -10,6 +10,7 @@
 #include "record_errors.h"
 #include "tqp_process_data.h"
 
+#include <cerrno>
 #include <cstring>
 
 struct block_t {
@@ -30,6 +31,11 @@ static wllb_file open_body_file(const tqp_instance_t *inst) {
   return body;
 }
 
+static void write_body(FILE *body, std::string_view bytes) {
+  if (!wllb_write_all(fileno(body), bytes))
+    wllb_trace(1, "Error", "Could not write a captured body, Error = %s", wllb_strerror(errno).c_str());
+}
+
 // Bytes of a captured body stand where lines would: they go to the body's file. True when the block is used up.
 static bool take_body_bytes(block_t &b) {
   tqp_instance_t *inst = b.inst;
@@ -39,14 +45,14 @@ static bool take_body_bytes(block_t &b) {
   if (inst->httpbody_remaining_bytes > rest) {
     if (writes) {
       wllb_trace(2, "Info", "Dumping %d bytes in file '%s'", static_cast<int>(rest), inst->httpbody_file_path_name);
-      fwrite(b.cur, 1, static_cast<size_t>(rest), body.get());
+      write_body(body.get(), {b.cur, static_cast<size_t>(rest)});
     }
     inst->httpbody_remaining_bytes -= static_cast<int>(rest);
     return true;
   }
   // The body's last byte is its record's newline. The cursor stays: what was written is read again as lines.
   if (writes)
-    fwrite(b.cur, 1, static_cast<size_t>(inst->httpbody_remaining_bytes) - 1, body.get());
+    write_body(body.get(), {b.cur, static_cast<size_t>(inst->httpbody_remaining_bytes) - 1});
   inst->httpbody_file_path_name[0] = 0;
   inst->httpbody_remaining_bytes = 0;
   return false;
@@ -65,7 +71,7 @@ static int64_t count_lines_of(const char *path) {
 }
 
 static void report_progress(tqp_instance_t *inst, int is_test_running) {
-  const time_t now = wllb_now();
+  const time_t now = wllb_monotonic_s();
   if (inst->commentry_time == 0)
     inst->commentry_time = now;
   if (now - inst->commentry_time < 10)

@@ -11,6 +11,7 @@
 #include "tqp_process_data.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <sys/stat.h>
@@ -26,16 +27,12 @@ void tqp_make_offset_file(tqp_instance_t *inst) {
   const std::string path = offset_file_path(inst);
   inst->raw_data_file_offset_fp = my_fopen(path.c_str(), "w");
   inst->saved_offset_len = 0;
-  tqp_own_path(path.c_str());
 }
 
 static void open_offset_file(tqp_instance_t *inst, const std::string &path) {
-  const bool odd = wllb_path_exists(path.c_str()) && !wllb_is_regular_file(path.c_str());
-  inst->raw_data_file_offset_fp = odd ? nullptr : my_fopen(path.c_str(), resume_flag ? "r+" : "w+");
-  if (!inst->raw_data_file_offset_fp)
-    return;
-  inst->saved_offset_len = lseek(fileno(inst->raw_data_file_offset_fp), 0, SEEK_END);
-  tqp_own_path(path.c_str());
+  inst->raw_data_file_offset_fp = my_fopen(path.c_str(), resume_flag ? "r+" : "w+");
+  if (inst->raw_data_file_offset_fp)
+    inst->saved_offset_len = lseek(fileno(inst->raw_data_file_offset_fp), 0, SEEK_END);
 }
 
 // A number that is missing or none at all reads as 0.
@@ -95,8 +92,11 @@ static void write_offset(tqp_instance_t *inst) {
   if (inst->saved_offset_len > len && ftruncate(fd, 0) != 0)
     return;
   inst->saved_offset_len = len;
-  if (pwrite(fd, text, static_cast<size_t>(len), 0) == len)
+  if (wllb_write_at(fd, text, len, 0))
     inst->flag_to_update_offset = 0;
+  else
+    wllb_trace(1, "Error", "Could not write the offset of %s.txt, Error = %s", inst->tier_server_app_name,
+               wllb_strerror(errno).c_str());
 }
 
 void tqp_save_offset(tqp_instance_t *inst) {

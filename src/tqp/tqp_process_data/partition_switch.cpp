@@ -7,6 +7,7 @@
 // read to its end: by an instance of this process, or according to its offset file. Partitions are finished in order.
 
 #include "flowpath_files.h"
+#include "output_wait.h"
 #include "tqp_csv_files.h"
 #include "tqp_init.h"
 #include "tqp_process_data.h"
@@ -119,7 +120,8 @@ void tqp_create_partition_done_file(int64_t partition) {
   const std::string path = done_file_path(std::to_string(partition));
   wllb_trace(1, "Info", "All app instance completed the processing for partition '%lld', going to create '%s' file.",
              static_cast<long long>(partition), path.c_str());
-  mkdir_ex(path.c_str()); // nobody may ever have been in this partition
+  const tqp_waits_for_output spared(nullptr); // all instances would wait for the lock of done files
+  mkdir_ex(path.c_str());                     // nobody may ever have been in this partition
   FILE *const opened = tqp_make_data_file_as(path.c_str(), "a", true);
   const std::shared_ptr<FILE> stream(opened, [](FILE *f) {
     if (f)

@@ -5,6 +5,7 @@
 //   Thread  the instance's; the read block lives on its stack
 //   Failure a missing file is tried again every two minutes; only a failed identity record at the first line ends it
 
+#include "output_wait.h"
 #include "process_wake.h"
 #include "state_save.h"
 #include "tqp_async_handling.h"
@@ -25,7 +26,7 @@ struct reader_t {
   int open_wait_ms = 0;        // until the next attempt to open a missing file
   bool at_end = false;         // the last round has read the file to its end
   int idle_rounds = 0;         // counter_to_dump_incomplete_flowpath: rounds since bytes were last seen
-  time_t last_force_write = 0; // of the last timed flush
+  time_t last_force_write = 0; // s, monotonic clock, of the last timed flush
   char *buf = nullptr;         // tqp_raw_data_buf_size + 1 bytes
 };
 
@@ -40,14 +41,12 @@ std::string tqp_raw_file_path(const tqp_instance_t *inst) {
 // --- the raw file --------------------------------------------------------------------------------------------
 
 FILE *tqp_open_raw_file(tqp_instance_t *inst, const std::string &path) {
-  errno = 0;
-  const bool odd = wllb_path_exists(path.c_str()) && !wllb_is_regular_file(path.c_str()); // a FIFO would block here
-  FILE *raw_fp = odd ? nullptr : my_fopen(path.c_str(), "r");
+  FILE *raw_fp = my_fopen(path.c_str(), "r");
   if (raw_fp)
     tqp_note_raw_file_open(inst->tier_server_app_name, true);
   else
-    wllb_trace(1, "Error", "Error in opening file %s, err = %s, errno = %d", path.c_str(),
-               wllb_strerror(odd ? EINVAL : errno).c_str(), odd ? EINVAL : errno);
+    wllb_trace(1, "Error", "Error in opening file %s, err = %s, errno = %d", path.c_str(), wllb_strerror(errno).c_str(),
+               errno);
   return raw_fp;
 }
 
@@ -120,14 +119,15 @@ static bool open_if_due(reader_t &r) {
 // --- periodic work ---------------------------------------------------------------------------------------------
 
 void check_and_flush_csv_buffers(tqp_instance_t *inst, time_t *last_time) {
-  const time_t now = wllb_now();
+  const time_t now = wllb_monotonic_s();
   if (last_time && now - *last_time < force_upload_timeout)
     return;
   if (wllb_trace_on(2)) {
-    const std::string at = wllb_local_time_text("%D %T", now);
+    const time_t time_of_day = wllb_now();
+    const std::string at = wllb_local_time_text("%D %T", time_of_day);
     if (last_time)
       wllb_trace(2, "Info", "Force writing Flowpath and other csv files at '%s'. Was last force written at '%s'",
-                 at.c_str(), wllb_local_time_text("%D %T", *last_time).c_str());
+                 at.c_str(), wllb_local_time_text("%D %T", time_of_day - (now - *last_time)).c_str());
     else
       wllb_trace(2, "Info", "Force writing Flowpath and other csv files at '%s'", at.c_str());
   }
@@ -137,7 +137,7 @@ void check_and_flush_csv_buffers(tqp_instance_t *inst, time_t *last_time) {
 }
 
 static void hand_over_error_totals(tqp_instance_t *inst) {
-  const int64_t now = get_ms_stamp_tqp();
+  const int64_t now = wllb_monotonic_ms();
   if (now - inst->g_count_reset_ts < fp_stats_mon_frequency)
     return;
   inst->g_count_reset_ts = now;
@@ -152,7 +152,7 @@ static void hand_over_error_totals(tqp_instance_t *inst) {
 static void unpause_metadata_requests(tqp_instance_t *inst) {
   if (wl_status != WL_RUNNING || !inst->disable_req_metadata_from_bci || tqc_port <= 0)
     return;
-  if (wllb_now() - inst->last_meta_data_retry_time_in_sec > tqp_meta_data_recovery_retry_timeout_in_sec)
+  if (wllb_monotonic_s() - inst->last_meta_data_retry_time_in_sec > tqp_meta_data_recovery_retry_timeout_in_sec)
     inst->disable_req_metadata_from_bci = 0;
 }
 
@@ -197,7 +197,7 @@ static void idle_at_end_of_file(reader_t &r) {
       r.carried = 0;
   }
   check_and_flush_csv_buffers(r.inst, nullptr);
-  r.last_force_write = wllb_now();
+  r.last_force_write = wllb_monotonic_s();
   r.at_end = true;
 }
 
@@ -359,13 +359,11 @@ static void schedule_removal_of_recovery_files(const tqp_instance_t *inst) {
   wllb_trace(1, "Info", "Added at job for removing recovery files; will be executed after %s",
              deleted_instance_cleanup_delay);
   const std::string path = directory + "/tqp/.atjob.id";
-  const wllb_file file(my_fopen(path.c_str(), "w"));
-  if (!file) {
+  const tqp_waits_for_output spared(nullptr);
+  if (!tqp_write_data_file(path.c_str(), job)) {
     wllb_trace(1, "Error", "Could not open file %s for writing", path.c_str());
     return;
   }
-  fputs(job.c_str(), file.get());
-  tqp_own_path(path.c_str());
   wllb_trace(1, "Info", "Added at job id (%s) in file %s", job.c_str(), path.c_str());
 }
 
@@ -387,8 +385,8 @@ static void leave(reader_t &r) {
 void process_data(tqp_instance_t *inst, std::string filepath) {
   char block[tqp_raw_data_buf_size + 1];
   reader_t r = {.inst = inst, .filepath = std::move(filepath), .buf = block};
-  r.last_force_write = wllb_now();
-  inst->g_count_reset_ts = get_ms_stamp_tqp();
+  r.last_force_write = wllb_monotonic_s();
+  inst->g_count_reset_ts = wllb_monotonic_ms();
   inst->meta_recovery_counter = 0;
   wllb_mp_init(&inst->tqp_flowpath_seg_pool, sizeof(segment_fp_t), 8, 8, 0);
   wllb_mp_init(&inst->tqp_flowpath_pending_seg_pool, sizeof(pending_segment_fp_t), 8, 8, 0);
@@ -396,7 +394,12 @@ void process_data(tqp_instance_t *inst, std::string filepath) {
     if (!open_if_due(r)) {
       // The entry stays in the registry on purpose: nothing else may serve a file that belongs elsewhere.
       close_raw_file(r);
-      return;
+      if (inst->get_tsa_id != 2)
+        return;
+      while (wl_status == WL_RUNNING &&
+             !is_deleted(inst)) // a file that only has its id in common may not hold up the end
+        tqp_sleep_or_wake(tqp_new_raw_data_poll_interval);
+      return leave(r);
     }
     const bool was_leaving = is_leaving(inst);
     read_to_end_of_file(r);

@@ -31,7 +31,7 @@ void tqp_surplus_fields(const tqp_instance_t *inst) {
 
 void dump_tqp_error_log(tqp_instance_t *inst, tqp_raw_data_error_types error_type, const char *message) {
   rawerr_log_counter_t &counter = inst->rawerr_log_counter[error_type];
-  const int64_t now = get_ms_stamp_tqp();
+  const int64_t now = wllb_monotonic_ms();
   if (counter.throttle_count == 0) {
     wllb_trace(1, "Critical", "%s", message);
     counter.throttle_timestamp = now;

@@ -36,7 +36,7 @@ void tqp_write_recovery_raw_data(tqp_instance_t *inst) {
   FILE *file = tqp_begin_replacing(path);
   if (!file)
     return trace_not_opened(path);
-  const bool whole = fwrite(text.data(), 1, text.size(), file) == text.size();
+  const bool whole = wllb_write_all(fileno(file), text);
   if (!tqp_end_replacing(file, path, whole))
     wllb_trace(1, "Error", "Could not write to file %s", path.c_str());
 }

@@ -6,6 +6,7 @@
 #include "agent_message.h"
 #include "data_files.h"
 #include "metadata_request.h"
+#include "output_wait.h"
 #include "process_sockets.h"
 #include "record_dispatch.h"
 
@@ -30,23 +31,22 @@ static void begin_log(tqp_exchange *x) {
   const std::string dir = wllb_format("%s/logs/TR%d/%s/tq/raw_data/recovery", wl_wdir, testidx, inst->partition_name);
   if (!wllb_is_directory(dir.c_str())) {
     mkdir_ex((dir + "/").c_str());
-    tqp_own_path(dir.c_str());
+    tqp_own_directory(dir.c_str());
   }
   const std::string path = wllb_format("%s/%s_metadata_recovery.txt", dir.c_str(), inst->tier_server_app_name);
+  const tqp_waits_for_output spared(nullptr); // the agent waits
   x->log.reset(tqp_make_data_file_as(path.c_str(), "a", true));
   if (x->log)
-    fprintf(x->log.get(), "Offset:%ld\n",
-            static_cast<long>(inst->raw_data_file_offset.load(std::memory_order_relaxed)));
+    tqp_append_rows(
+        x->log.get(),
+        wllb_format("Offset:%ld\n", static_cast<long>(inst->raw_data_file_offset.load(std::memory_order_relaxed))));
 }
 
 static void meta_data_dump(tqp_exchange *x, int event_id, std::string_view text) {
   if (!x->log_begun)
     begin_log(x);
-  if (!x->log)
-    return;
-  fprintf(x->log.get(), "%d,", event_id);
-  fwrite(text.data(), 1, text.size(), x->log.get());
-  fputc('\n', x->log.get());
+  if (x->log)
+    tqp_append_rows(x->log.get(), std::to_string(event_id) + "," + std::string(text) + "\n");
 }
 
 // --- records of a reply ------------------------------------------------------------------------------------------------

@@ -77,7 +77,7 @@ tqp_wait_result tqp_wait_for_agent(tqp_exchange *x) {
   for (;;) {
     if (wl_status == WL_STOP_NOW)
       return WAIT_STOPPED;
-    const int64_t left = x->deadline - get_ms_stamp_tqp();
+    const int64_t left = x->deadline - wllb_monotonic_ms();
     if (left <= 0)
       return WAIT_EXPIRED;
     const int turn = x->watches_stop ? tq_metadata_epoll_timeout : stop_poll_interval;
@@ -92,7 +92,7 @@ tqp_wait_result tqp_wait_for_agent(tqp_exchange *x) {
 
 // The connection to the collector, or -1. A stop ends the attempt.
 static int tq_conect_to_TQC_for_metadata_req(const tqp_exchange *x) {
-  const int64_t left_s = (x->deadline - get_ms_stamp_tqp()) / 1000;
+  const int64_t left_s = (x->deadline - wllb_monotonic_ms()) / 1000;
   std::string err;
   const int fd =
       wllb_tcp_connect("127.0.0.1", tqc_port, static_cast<int>(std::max<int64_t>(left_s, 1)), &err, tqp_stop_fd());
@@ -105,7 +105,7 @@ static int tq_conect_to_TQC_for_metadata_req(const tqp_exchange *x) {
 }
 
 static bool begin_exchange(tqp_exchange *x, int limit_ms) {
-  x->deadline = get_ms_stamp_tqp() + limit_ms + deadline_margin;
+  x->deadline = wllb_monotonic_ms() + limit_ms + deadline_margin;
   x->fd = tq_conect_to_TQC_for_metadata_req(x);
   if (x->fd < 0)
     return false;
@@ -193,7 +193,7 @@ static void ask(tqp_instance_t *inst, int kind, int64_t id, int64_t timestamp) {
   if (tqp_meta_data_recovery_retry_timeout_in_sec == 0) // then the next record may try again at once
     inst->disable_req_metadata_from_bci = 0;
   if (inst->disable_req_metadata_from_bci)
-    inst->last_meta_data_retry_time_in_sec = static_cast<unsigned>(wllb_now());
+    inst->last_meta_data_retry_time_in_sec = wllb_monotonic_s();
 }
 
 void get_meta_data_for_events_from_bci(tqp_instance_t *inst, int kind, int64_t id, int64_t timestamp) {

@@ -29,17 +29,12 @@ static bool copy_data(int from, int to, int64_t len) {
 }
 
 static bool copy_file(const std::string &from, const std::string &to) {
-  const wllb_fd source(open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat found;
-  if (source.fd < 0 || fstat(source.fd, &found) != 0)
-    return errno == ELOOP; // a link is nobody's recovery file
-  if (!S_ISREG(found.st_mode))
-    return true;
-  const wllb_fd target(open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
-  if (target.fd < 0)
-    return false;
-  tqp_own_path(to.c_str());
-  return copy_data(source.fd, target.fd, found.st_size);
+  const wllb_fd source(wllb_open_plain(from.c_str(), O_RDONLY | O_NOFOLLOW, &found));
+  if (source.fd < 0)
+    return errno == ELOOP || errno == EINVAL; // a link or anything but a plain file is nobody's recovery file
+  const wllb_file target(my_fopen(to.c_str(), "w"));
+  return target && copy_data(source.fd, fileno(target.get()), found.st_size);
 }
 
 // A dot and at least one more byte that is no dot: never the directory itself or its parent.
@@ -70,7 +65,7 @@ void tqp_copy_local2norm_at_partition_switch(tqp_instance_t *inst) {
   const std::string to = wllb_format("%s/logs/TR%d/%lld/tq/csv/%s/recovery/", wl_wdir, testidx,
                                      static_cast<long long>(inst->partition_idx), name);
   mkdir_ex(to.c_str());
-  tqp_own_path(to.c_str());
+  tqp_own_directory(to.c_str());
   if (copy_dot_files(from, to))
     return;
   wllb_trace(1, "Error", "Unable to copy local2norm file at path %s", to.c_str());

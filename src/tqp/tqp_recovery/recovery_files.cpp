@@ -89,26 +89,27 @@ static void append_header_lines(const tqp_instance_t *inst, int64_t page, std::s
   }
 }
 
-static bool write_header_map(const tqp_instance_t *inst, FILE *file) {
+static bool write_header_map(const tqp_instance_t *inst, int fd) {
   std::string text;
   for (int64_t page = 0; page * loc2norm_page_entries < inst->http_header_map.size; ++page) {
     text.clear();
     append_header_lines(inst, page, &text);
-    fwrite(text.data(), 1, text.size(), file);
+    if (!wllb_write_all(fd, text))
+      return false;
   }
-  return fflush(file) == 0 && !ferror(file);
+  return true;
 }
 
-static bool write_sql_map(const tqp_instance_t *inst, FILE *file) {
+static bool write_sql_map(const tqp_instance_t *inst, int fd) {
   const auto count = static_cast<size_t>(inst->sql_query_map_size);
-  return count == 0 ||
-         (fwrite(inst->sql_query_map.data, sizeof(sql_query_map_t), count, file) == count && fflush(file) == 0);
+  return wllb_write_all(fd,
+                        {reinterpret_cast<const char *>(inst->sql_query_map.data), count * sizeof(sql_query_map_t)});
 }
 
 static bool write_map(tqp_instance_t *inst, const loc2norm_row &row, FILE *file, bool in_place) {
   if (row.map)
     return write_int_map(inst->*row.map, &inst->loc2norm_pages[row.bit], file, in_place);
-  return row.bit == LOC2NORM_SQL ? write_sql_map(inst, file) : write_header_map(inst, file);
+  return row.bit == LOC2NORM_SQL ? write_sql_map(inst, fileno(file)) : write_header_map(inst, fileno(file));
 }
 
 // Made only where its directory stands.

@@ -231,7 +231,7 @@ static void skip_rest_of_line(FILE *file) {
 // Appends the newline that is missing at the end, or takes the row away that it would end.
 static bool end_last_row(const norm_table_file &from, int fd, int64_t size) {
   if (from.id_field <= from.name_field)
-    return pwrite(fd, "\n", 1, size) == 1;
+    return wllb_write_at(fd, "\n", 1, size);
   tqp_reverse_file lines = {.fd = fd, .pos = size - 1, .block = {}, .block_at = 0};
   int64_t begin;
   return find_line_begin(&lines, &begin) && ftruncate(fd, begin) == 0;

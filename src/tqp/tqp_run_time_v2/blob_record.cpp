@@ -348,7 +348,7 @@ static bool read_record(blob_record_t &b) {
     raise_clocks(b);
   }
   b.segment->self_fpi = b.tuple.self_fpi;
-  b.fp().last_processed_ts = wllb_now();
+  b.fp().last_processed_ts = wllb_monotonic_s();
   return !has_comma(b);
 }
 

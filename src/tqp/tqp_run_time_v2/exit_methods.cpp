@@ -213,10 +213,10 @@ static row_order sort_rows(const record_array<method_call_stack_t> &stack) {
 static row_order sort_rows_and_tell(const segment_fp_t *segment) {
   if (!wllb_trace_on(3))
     return sort_rows(segment->method_call_stack);
-  const int64_t begun = get_ms_stamp_tqp();
+  const int64_t begun = wllb_monotonic_ms();
   row_order order = sort_rows(segment->method_call_stack);
   wllb_trace(3, "Info", "Time taken by qsort to sort method_call_stack is %lld ms for self_fpi %lld",
-             static_cast<long long>(get_ms_stamp_tqp() - begun), static_cast<long long>(segment->self_fpi));
+             static_cast<long long>(wllb_monotonic_ms() - begun), static_cast<long long>(segment->self_fpi));
   return order;
 }
 

@@ -86,7 +86,7 @@ static bool find_or_make_segment(header_t &h) {
   h.segment->self_fpi = h.tuple.self_fpi;
   h.segment->parent_fpi = h.tuple.parent_fpi;
   h.segment->flowpath_header_record_received = 1;
-  h.fp().last_processed_ts = wllb_now();
+  h.fp().last_processed_ts = wllb_monotonic_s();
   return true;
 }
 

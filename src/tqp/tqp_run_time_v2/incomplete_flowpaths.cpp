@@ -59,7 +59,7 @@ void dump_all_incomplete_flowpaths(tqp_instance_t *inst) {
 }
 
 void clear_stuck_flowpaths(tqp_instance_t *inst) {
-  const time_t now = wllb_now();
+  const time_t now = wllb_monotonic_s();
   if (now - inst->last_dead_fp_cleanup_ts < secs_to_clean_dead_flowpaths)
     return;
   inst->last_dead_fp_cleanup_ts = now;

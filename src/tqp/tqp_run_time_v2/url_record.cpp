@@ -74,11 +74,10 @@ void write_urlrecord_entry(tqp_instance_t *inst, int64_t self_fpi, int url_norm_
     wllb_trace(1, "Error", "Could not write to url record csv file");
     return;
   }
-  fprintf(
-      stream,
+  const std::string row = wllb_format(
       "%d,%d,-1,-1,-1,-1,%d,-1,-1,-1,0,0,-1,%lld,-1,-1,-1,-1,-1,-1,-1,%lld,%d,-1,-1,-1,-1,-1,-1,-1,0,-1,-1,-1,%lld,%lld,-1,%d\n",
       testidx, url_norm_id, inst->jvmid, static_cast<long long>(begin_ts / 1000), static_cast<long long>(end_ts / 1000),
       status_code, static_cast<long long>(self_fpi), static_cast<long long>(end_ts - begin_ts),
       generator_test_run(self_fpi));
-  tqp_flush_stream(stream);
+  tqp_append_rows(stream, row);
 }

@@ -14,7 +14,7 @@
 #include <unistd.h>
 
 static int tqp_mon_epoll_fd;
-static time_t last_sample_sent_time; // s; 0: none yet
+static time_t last_sample_sent_time; // s, monotonic clock; 0: none yet
 
 static int tell_port_unknown(int tries, const char *err_msg) {
   wllb_trace(1, "Warning", "TQP_HEALTH_MON, WLport is not found retry count %d and msg %s\n", tries, err_msg);
@@ -187,7 +187,7 @@ static void manage_wl_fd_in_epoll() {
   while (wl_status == WL_RUNNING) {
     if (tqp_sample_is_due(last_sample_sent_time)) {
       send_tqp_mon_data_to_wl();
-      last_sample_sent_time = wllb_now();
+      last_sample_sent_time = wllb_monotonic_s();
     }
     tqp_links_wait(tqp_mon_epoll_fd, {&mrcptr_main, &mrcptr_inst}, 2, 1000);
   }

@@ -8,6 +8,7 @@
 #include "tqp_stat_mon.h"
 
 #include "data_files.h"
+#include "output_wait.h"
 #include "process_wake.h"
 #include "tqp_init.h"
 #include "tqp_recovery.h"
@@ -187,6 +188,7 @@ static void dump_loc2norm_map(const tqp_instance_t *inst, int mask, int number) 
   const std::string path =
       wllb_format("%s/logs/TR%d/tq/logs/tqp_loc2norm_map_dump_%s_%s_%d_%d.log", wl_wdir, testidx,
                   inst->tier_server_app_name, inst->partition_name, static_cast<int>(wllb_now()), number);
+  const tqp_waits_for_output spared(nullptr);
   const wllb_file file(tqp_make_data_file_as(path.c_str(), "w", true));
   if (!file) {
     wllb_trace(1, "Error", "Could not open file %s", path.c_str());

@@ -176,5 +176,5 @@ void tqp_links_wait(int epoll_fd, std::initializer_list<monitor_link *> links, i
 }
 
 bool tqp_sample_is_due(time_t last) {
-  return (int64_t{wllb_now()} - last) * 1000 >= fp_stats_mon_frequency;
+  return (int64_t{wllb_monotonic_s()} - last) * 1000 >= fp_stats_mon_frequency;
 }

@@ -29,9 +29,6 @@ void process_sig_tqp_dump_current_processing_status() {
   std::string text = "#Instance_name|Current_processing_partiton|File_size|Processed_size|No_of_remaining_partitions\n";
   tqp_for_each_instance([&](const tqp_instance_t *inst) { text += status_line(inst); });
   const std::string path = wllb_format("%s/logs/TR%d/tq/logs/tqp_current_processing_status", wl_wdir, testidx);
-  const wllb_file file(tqp_make_data_file_as(path.c_str(), "w", true));
-  if (file)
-    fputs(text.c_str(), file.get());
-  else
+  if (!tqp_write_data_file(path.c_str(), text))
     wllb_trace(1, "Error", "Could not open file %s", path.c_str());
 }

@@ -5,6 +5,7 @@
 //   Failure a file that cannot be opened is traced; the report is lost
 
 #include "data_files.h"
+#include "output_wait.h"
 #include "tqp_init.h"
 #include "tqp_stat_mon.h"
 
@@ -59,16 +60,17 @@ static_assert(label_count == __NUM_SUM_REP_CNT__ - 3);
 
 static void print_report(const char *partition, const std::string &heading, const int64_t *counters) {
   const std::string path = wllb_format("%s/logs/TR%d/%s/tq/logs/tqp_summary_report.txt", wl_wdir, testidx, partition);
+  const tqp_waits_for_output spared(nullptr);
   const wllb_file file(tqp_make_data_file_as(path.c_str(), "a", true));
   if (!file) {
     wllb_trace(1, "Error", "Error in opening Summary Report Document for writing: '%s'", path.c_str());
     return;
   }
-  fputs(heading.c_str(), file.get());
+  std::string text = heading;
   for (int i = 0; i < __NUM_SUM_REP_CNT__; ++i)
-    fprintf(file.get(), "%s: %lld\n", i < label_count ? sum_rep_cnt_names[i] : "(null)",
-            static_cast<long long>(counters[i]));
-  fputc('\n', file.get());
+    text += wllb_format("%s: %lld\n", i < label_count ? sum_rep_cnt_names[i] : "(null)",
+                        static_cast<long long>(counters[i]));
+  tqp_append_rows(file.get(), text + "\n");
 }
 
 void print_summary_report(tqp_instance_t *inst) {

@@ -10,6 +10,7 @@
 
 #include "data_files.h"
 #include "field_cursor.h"
+#include "output_wait.h"
 
 #include "wllb_json_parser.h"
 
@@ -63,7 +64,7 @@ static std::string auto_discovery_json_file_name() {
 
 static void make_topology_dir() {
   if (mkdir(topology_dir().c_str(), 0755) == 0)
-    tqp_own_path(topology_dir().c_str());
+    tqp_own_directory(topology_dir().c_str());
 }
 
 // --- the structure --------------------------------------------------------------------------------------------------
@@ -165,10 +166,11 @@ static std::string topology_text() WLLB_REQUIRES(key_auto_topo_mutex) {
 
 // Written beside the file and renamed over it: nobody reads half of it.
 static void tq_update_auto_topology_discovery_json() WLLB_REQUIRES(key_auto_topo_mutex) {
+  const tqp_waits_for_output spared(nullptr); // the next new pair tries again
   make_topology_dir();
   const std::string path = auto_discovery_json_file_name();
   const std::string temp_path = topology_dir() + "/.tempTqIntegrationPoint.conf";
-  if (!tqp_write_data_file(temp_path.c_str(), topology_text()))
+  if (!tqp_write_data_file(temp_path.c_str(), topology_text(), "wx"))
     wllb_trace(1, "Error", "Updating Auto discovery topology json failed because file = %s could not be created",
                temp_path.c_str());
   else if (rename(temp_path.c_str(), path.c_str()) != 0)
