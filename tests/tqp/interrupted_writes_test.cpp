@@ -4,6 +4,7 @@
 #include "state_save.h"
 #include "test_files.h"
 #include "tqp_csv_files.h"
+#include "watched_writes.h"
 
 #include <gtest/gtest.h>
 
