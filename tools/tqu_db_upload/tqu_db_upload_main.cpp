@@ -16,7 +16,7 @@
 #include "wllb_util.h"
 
 #include <algorithm>
-#include <cinttypes>
+#include <csignal>
 #include <ctime>
 #include <string>
 #include <utility>
@@ -176,6 +176,7 @@ int main(int argc, char **argv) {
   upload_options options;
   if (const std::optional<int> status = upload_read_options(argc, argv, &options))
     return *status;
+  signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a full disk like any other
   upload_watch watch;
   if (options.status)
     return upload_show_status(options);
