@@ -5,7 +5,7 @@
 set -euo pipefail
 
 build=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev ccache mold at)
-test=(libgtest-dev mawk)
+test=(libgtest-dev mawk sqlite3)
 check=(clang clang-format clang-tidy shellcheck)
 
 packages=("${build[@]}")

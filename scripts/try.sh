@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install_dependencies.sh
 cmake --preset release -DTQP_TESTS=OFF >/dev/null
-cmake --build --preset release --target tqp tq_sample tqshow -- --quiet
+cmake --build --preset release --target tqp tq_sample tqshow tqu_db_upload -- --quiet
 bin=$PWD/build/release/bin
 dir=${1:-$PWD/build/try}
 rm -rf "$dir"
@@ -35,4 +35,15 @@ echo; echo "== one of them as a call tree"
 
 echo; echo "== every reference checked"
 "$bin/tqshow" --dir "$dir" --testrun $run --check
+echo; echo "== all of it in a database (docs/database.md)"
+load=("$bin/tqu_db_upload" --dir "$dir" --testrun "$run")
+"${load[@]}"
+echo; echo "Which transactions are the slowest, and why?"
+"${load[@]}" --ask "SELECT url, tier_name, flowpaths, p95_ms, average_ms, db_ms / flowpaths AS db_ms_each,
+  backend_ms / flowpaths AS backends_ms_each FROM transactions WHERE testrun = $run AND flowpaths >= 3
+  ORDER BY p95_ms DESC, url LIMIT 5"
+echo; echo "Which queries cost most?"
+"${load[@]}" --ask "SELECT query, tier_name, executions, total_ms, average_ms, longest_ms FROM queries
+  WHERE testrun = $run ORDER BY total_ms DESC, query LIMIT 5"
+
 echo; echo "All files: $test_run"
