@@ -28,7 +28,7 @@ struct frame_builder {
   const std::vector<profile_frame> &build(const call_tree &tree);
 
 private:
-  void add_subtree(const call_tree &tree, int32_t root, int64_t from, int64_t *reached);
+  void add_subtree(const call_tree &tree, int32_t root, int64_t last, int64_t *reached);
 
   struct open_frame {
     int32_t next_node; // the next child to look at

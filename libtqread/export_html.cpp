@@ -266,6 +266,8 @@ void html_exporter::put_exceptions(const flowpath &whole) {
 
 void html_exporter::put_detail(std::string_view segment, std::string_view kind, std::string_view item,
                                std::string_view value) {
+  if (item.empty() && value.empty())
+    return;
   json_.begin_object().member("segment", segment).member("kind", kind).member("name", item).member("value", value);
   json_.end_object();
 }

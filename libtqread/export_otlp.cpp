@@ -77,8 +77,8 @@ private:
   void put_exception(const exception_record &exception, const span &what);
   void put_messages(const flowpath &whole, const span &what);
   void put_calls(segment_place *at);
-  void put_method(const segment_place &at, size_t node);
-  void put_callout(const segment_place &at, const tree_node &node, size_t callout);
+  void put_method(const segment_place &at, size_t index);
+  void put_callout(const segment_place &at, const tree_node &node, size_t index);
   void put_callout_attributes(const tree_callout &callout, const backend_type &type);
   void put_database(attributes *to, const tree_callout &callout, const backend_type &type, std::string_view resource);
   std::string callout_span_name(const tree_callout &callout, const backend_type &type) const;
@@ -472,7 +472,7 @@ void otlp_exporter::put_method(const segment_place &at, size_t index) {
 }
 
 std::string otlp_exporter::callout_span_name(const tree_callout &callout, const backend_type &type) const {
-  const std::string backend(short_name(names_.show(name_kind::method, callout.token.backend_id)));
+  std::string backend(short_name(names_.show(name_kind::method, callout.token.backend_id)));
   const std::string resource(parts_of(name(name_kind::resource, callout.token.resource_id)).rest);
   if (callout.token.is_bare)
     return words_of_callout(callout.token.letter);

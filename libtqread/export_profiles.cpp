@@ -11,6 +11,7 @@
 #include "tqread_text.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <unordered_map>
 
@@ -147,7 +148,7 @@ static int64_t us(int64_t utc_ms) {
 
 static int64_t us(double ms) {
   constexpr double most = 1e12;
-  return static_cast<int64_t>(std::clamp(ms, 0.0, most) * 1000 + 0.5);
+  return std::llround(std::clamp(ms, 0.0, most) * 1000);
 }
 
 void chrome_exporter::put_segment(const flowpath &whole, const flowpath_segment &segment, process *of) {

@@ -28,7 +28,7 @@ public:
     IN_HTML // '<', '>', '&' and the line separators of JavaScript are escaped: fit to stand in a script element
   };
 
-  explicit wllb_json_writer(wllb_sink sink, target for_what = PLAIN);
+  explicit wllb_json_writer(wllb_sink to, target for_what = PLAIN);
 
   // --- structure: commas and colons come by themselves ---
   wllb_json_writer &begin_object() { return begin('{'); }

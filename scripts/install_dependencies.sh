@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Installs what is not there yet on Debian 12. Reasons: docs/dependencies.md.
-#   scripts/install_dependencies.sh [build|test|check]...     build (default): what building the programs takes;
-#                                                            test: also what tests use; check: also what CI's checks use
+#   scripts/install_dependencies.sh [build|test|browser|check]...     build (default): what building the programs takes;
+#                                                            test: also what tests use; browser: also what tests in a
+#                                                            browser use; check: also what CI's checks use
 set -euo pipefail
 
-build=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev ccache mold at)
+build=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev libcurl4-openssl-dev ccache mold at)
 test=(libgtest-dev mawk sqlite3)
+browser=(nodejs npm chromium)
 check=(clang clang-format clang-tidy shellcheck)
 
 packages=("${build[@]}")
@@ -13,6 +15,7 @@ for list in "${@:-build}"; do
   case $list in
     build) ;;
     test) packages+=("${test[@]}") ;;
+    browser) packages+=("${browser[@]}") ;;
     check) packages+=("${check[@]}") ;;
     *) echo "install_dependencies.sh: there is no list $list" >&2; exit 1 ;;
   esac
