@@ -35,10 +35,11 @@ static wllb_owner data_owner() {
   return {static_cast<uid_t>(ownerid), static_cast<gid_t>(grpid)};
 }
 
-// What cannot be read is not there, as a rule; what cannot be written is waited for.
+// What cannot be read is not there, as a rule; what cannot be written is waited for. Raw files may lie on another disk and
+// show through links, so reading follows them.
 static int open_data_file(const char *path, int flags) {
   if (flags == O_RDONLY)
-    return wllb_open_plain(path, flags | O_NOFOLLOW);
+    return wllb_open_plain(path, flags);
   tqp_output_wait wait;
   int fd;
   do

@@ -7,7 +7,7 @@
 
 #include "tqp_main.h"
 
-// Opens a data file, never through a link. "w" and "w+" truncate, "wx" makes a new file for a moment, "r" only reads, any
+// Opens a data file, for writing never through a link. "w" and "w+" truncate, "wx" makes a new file for a moment, "r" only reads, any
 // other mode makes the file when it is missing; all but "r" give it to ownerid and grpid. Null on failure, which is traced
 // unless the path holds ".recovery"; an instance's thread waits instead (output_wait.h), and gets null in a stop alone.
 FILE *my_fopen(const char *path, const char *mode);
