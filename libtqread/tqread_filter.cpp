@@ -128,10 +128,43 @@ static std::string missing_place(const test_run &run, const question &asked) {
   return found_tier ? "" : "no tier is called " + quoted(asked.tier);
 }
 
+void filter::learn(const name_table &names) {
+  if (!asked_.url.empty())
+    names.each(name_kind::url, [&](int64_t id, std::string_view text) {
+      if (matches_wildcards(text, asked_.url))
+        urls_.insert(id);
+    });
+  if (!asked_.tag.empty())
+    names.each(name_kind::tag_set, [&](int64_t id, std::string_view text) {
+      if (has_tag(text, asked_.tag))
+        tag_sets_.insert(id);
+    });
+  if (asked_.text.empty())
+    return;
+  names.each(name_kind::query, [&](int64_t id, std::string_view text) {
+    if (has_words(text, asked_.text))
+      queries_.insert(id);
+  });
+  for (const name_kind kind : exception_kinds)
+    names.each(kind, [&](int64_t id, std::string_view text) {
+      if (has_words(text, asked_.text))
+        exception_texts_[static_cast<size_t>(kind)].insert(id);
+    });
+}
+
+// What was asked for and has no name. "": nothing.
+std::string filter::missing_name() const {
+  if (!asked_.url.empty() && urls_.empty())
+    return "no URL matches " + quoted(asked_.url);
+  if (!asked_.tag.empty() && tag_sets_.empty())
+    return "no tag matches " + quoted(asked_.tag);
+  const bool has_text = !queries_.empty() || std::any_of(std::begin(exception_texts_), std::end(exception_texts_),
+                                                         [](const auto &ids) { return !ids.empty(); });
+  return asked_.text.empty() || has_text ? "" : "no query and no exception has the text " + quoted(asked_.text);
+}
+
 std::string filter::make(const test_run &run, const name_table &names, const question &asked) {
   asked_ = asked;
-  if (std::string missing = missing_place(run, asked); !missing.empty())
-    return missing;
   if (!asked.from.empty() && !read_utc_text(asked.from, &from_ms_))
     return quoted(asked.from) + " is not a time such as 2026-11-22 10:00";
   if (!asked.to.empty() && !read_utc_text(asked.to, &to_ms_))
@@ -140,34 +173,11 @@ std::string filter::make(const test_run &run, const name_table &names, const que
     return quoted(asked.status) + " is not a status such as 500 or 5xx";
   if (!asked.tier.empty() && !read_number(asked.tier, &tier_number_))
     tier_number_ = -1;
-  names.each(name_kind::url, [&](int64_t id, std::string_view text) {
-    if (!asked.url.empty() && matches_wildcards(text, asked.url))
-      urls_.insert(id);
-  });
-  if (!asked.url.empty() && urls_.empty())
-    return "no URL matches " + quoted(asked.url);
-  names.each(name_kind::tag_set, [&](int64_t id, std::string_view text) {
-    if (!asked.tag.empty() && has_tag(text, asked.tag))
-      tag_sets_.insert(id);
-  });
-  if (!asked.tag.empty() && tag_sets_.empty())
-    return "no tag matches " + quoted(asked.tag);
-  if (asked.text.empty())
+  learn(names);
+  if (allow_unknown_)
     return "";
-  names.each(name_kind::query, [&](int64_t id, std::string_view text) {
-    if (has_words(text, asked.text))
-      queries_.insert(id);
-  });
-  bool found = !queries_.empty();
-  for (const name_kind kind : exception_kinds) {
-    std::unordered_set<int64_t> &ids = exception_texts_[static_cast<size_t>(kind)];
-    names.each(kind, [&](int64_t id, std::string_view text) {
-      if (has_words(text, asked.text))
-        ids.insert(id);
-    });
-    found = found || !ids.empty();
-  }
-  return found ? "" : "no query and no exception has the text " + quoted(asked.text);
+  std::string missing = missing_place(run, asked);
+  return missing.empty() ? missing_name() : missing;
 }
 
 // --- asking ---------------------------------------------------------------------------------------------------------

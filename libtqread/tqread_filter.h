@@ -46,6 +46,11 @@ struct filter {
   // URLs, tags and texts are looked up now; whether a correlation id or a status occurs is known after the walk.
   std::string make(const test_run &run, const name_table &names, const question &asked);
 
+  // Before make(): names that are not there are no mistake, they may come. learn() looks the question's names up again.
+  void allow_unknown() { allow_unknown_ = true; }
+
+  void learn(const name_table &names);
+
   bool takes_place(const flowpath_place &place) const;
   bool takes_row(const flowpath_place &place, const flowpath_record &row) const;
 
@@ -64,7 +69,10 @@ private:
     int64_t from, to;
   };
 
+  std::string missing_name() const;
+
   question asked_;
+  bool allow_unknown_ = false;
   int64_t from_ms_ = INT64_MIN, to_ms_ = INT64_MAX, tier_number_ = -1;
   std::vector<status_range> statuses_;
   std::unordered_set<int64_t> urls_, tag_sets_, queries_;

@@ -64,6 +64,8 @@ static std::vector<std::string> names_in(const std::string &dir) {
 
 void follower::add_file(int64_t partition, const std::string &path, std::vector<listed_file> *files) const {
   struct stat facts = {};
+  if (wants_ && !wants_(path))
+    return;
   if (lstat(joined(base_, path).c_str(), &facts) == 0 && S_ISREG(facts.st_mode))
     files->push_back({partition, path, facts.st_size});
 }

@@ -59,6 +59,9 @@ struct follower {
   // base: "<work dir>/logs/TR<n>". The sink is the caller's and outlives this. told_to_stop is asked between two pieces.
   follower(std::string base, piece_sink *sink, file_positions reached, std::function<bool()> told_to_stop);
 
+  // Follows only the files whose path, below the test run's directory, this takes.
+  void only(std::function<bool(std::string_view path)> wants) { wants_ = std::move(wants); }
+
   // One pass over all there is. May end early when told to stop.
   pass_result pass();
 
@@ -92,7 +95,8 @@ private:
   piece_sink *sink_;
   file_positions positions_;
   std::function<bool()> told_to_stop_;
-  std::vector<followed_partition> partitions_; // oldest first
+  std::function<bool(std::string_view)> wants_; // empty: all
+  std::vector<followed_partition> partitions_;  // oldest first
 };
 
 } // namespace tqread

@@ -5,6 +5,7 @@
 //   Failure words that go after "its blob" and the like
 #include "tqread_segments.h"
 
+#include "tqread_late.h"
 #include "tqread_text.h"
 
 #include "wllb_compression.h"
@@ -180,7 +181,7 @@ static const char *read_packed(text_source *from, int64_t length, int64_t packed
     return "has a negative length";
   const size_t limit = std::min(static_cast<size_t>(length), longest_text);
   if (const char *words = from->store->read_member(from->partition, from->app, from->offset, packed, text, limit))
-    return words;
+    return text->size() == limit && limit < longest_text ? "has another length than its line says" : words;
   from->offset += packed;
   return static_cast<int64_t>(text->size()) == length ? nullptr : "has another length than its line says";
 }
@@ -221,14 +222,63 @@ static std::string read_texts_at(text_source from, const segment_record &segment
   return "";
 }
 
-std::string read_segment_texts(blob_store *store, const flowpath_place & /*place*/, const flowpath_record &row,
+std::string read_segment_texts_at(blob_store *store, std::string_view partition, int64_t app, int64_t offset,
+                                  const segment_record &segment, segment_texts *texts, uint32_t which) {
+  return read_texts_at({store, partition, app, offset}, segment, which, texts);
+}
+
+// --- late segments ----------------------------------------------------------------------------------------------------
+
+blob_store::blob_store(const test_run &of) : run_(of) {}
+
+blob_store::~blob_store() = default;
+
+int64_t blob_store::find_late(const flowpath_place &place, int64_t app, const segment_record &segment) {
+  constexpr size_t most_kept = 4;
+  const auto is_it = [&](const std::unique_ptr<late_index> &index) {
+    return index->app == app && index->partition == segment.partition && index->instance == place.instance;
+  };
+  const auto known = std::find_if(late_.begin(), late_.end(), is_it);
+  if (known != late_.end()) {
+    const int64_t found = (*known)->find(segment);
+    if (found >= 0 || !(*known)->is_outdated(this))
+      return found;
+    late_.erase(known);
+  } else if (late_.size() >= most_kept) {
+    late_.erase(late_.begin());
+  }
+  late_.push_back(std::make_unique<late_index>(this, segment.partition, place.instance, app));
+  return late_.back()->find(segment);
+}
+
+// Whether the offset of a segment is sure to be one of its partition's file: its flowpath ended in time.
+static bool offset_is_sure(const flowpath_place &place, const flowpath_record &row, const segment_record &segment) {
+  text_reference list;
+  return segment.partition == place.partition && read_reference(row.reference, &list) &&
+         list.partition == segment.partition;
+}
+
+// A gzip member has a checksum: what inflates where the line says is what it says, late or not. A plain text has none.
+std::string read_segment_texts(blob_store *store, const flowpath_place &place, const flowpath_record &row,
                                const segment_record &segment, segment_texts *texts, uint32_t which) {
   texts->callouts.clear();
   texts->blob.clear();
   texts->detail.clear();
   if (left_no_blob(segment))
     return "";
-  return read_texts_at({store, segment.partition, row.app, segment.offset}, segment, which, texts);
+  const bool sure = offset_is_sure(place, row, segment);
+  const bool provable = segment.blob_packed != 0;
+  std::string words;
+  if (sure || provable)
+    words = read_segment_texts_at(store, segment.partition, row.app, segment.offset, segment, texts, which);
+  if (sure || (provable && words.empty()))
+    return words;
+  const int64_t at = store->find_late(place, row.app, segment);
+  if (at >= 0)
+    return read_segment_texts_at(store, segment.partition, row.app, at, segment, texts, which);
+  if (!provable)
+    words = read_segment_texts_at(store, segment.partition, row.app, segment.offset, segment, texts, which);
+  return words.empty() ? "" : words + " (it came late, and its texts were not found where such texts are)";
 }
 
 } // namespace tqread

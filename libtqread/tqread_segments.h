@@ -43,10 +43,17 @@ struct segment_texts {
   std::string callouts, blob, detail;
 };
 
+enum text_choice : uint32_t { TEXT_CALLOUTS = 1, TEXT_BLOB = 2, TEXT_DETAIL = 4, ALL_TEXTS = 7 };
+
+// Where a flowpath's row was found.
+struct flowpath_place {
+  std::string_view partition, instance;
+};
+
+struct late_index;
+
 // Open sequence blob files of a test run, a few at a time, and buffers for reading them.
 struct blob_store {
-  explicit blob_store(const test_run &of) : run_(of) {}
-
   // Reads and inflates the gzip member at a place of an instance's file in a partition. Null, or what is wrong.
   // At most `limit` bytes; a longer text counts as damaged.
   const char *read_member(std::string_view partition, int64_t app, int64_t offset, int64_t length, std::string *text,
@@ -59,6 +66,13 @@ struct blob_store {
   int64_t size_of(std::string_view partition, int64_t app);
 
   const test_run &run() const { return run_; }
+
+  // Where the texts of a late segment are, in the file of the partition that its line names. -1: they were not found.
+  int64_t find_late(const flowpath_place &place, int64_t app, const segment_record &segment);
+
+  // --- life: the indexes of late segments are of a type that stands further up ---
+  explicit blob_store(const test_run &of);
+  ~blob_store();
 
 private:
   struct open_file {
@@ -73,6 +87,7 @@ private:
   std::vector<std::unique_ptr<open_file>> files_;
   uint64_t calls_ = 0;
   std::string packed_;
+  std::vector<std::unique_ptr<late_index>> late_; // the ones made last
 };
 
 // A flowpath's list of segments as text; segments are views into it.
@@ -85,12 +100,9 @@ struct segment_list {
 // Reads the list behind a row. Null, or what is wrong: the segments before the fault are there.
 const char *read_segment_list(blob_store *store, const flowpath_record &row, segment_list *list);
 
-enum text_choice : uint32_t { TEXT_CALLOUTS = 1, TEXT_BLOB = 2, TEXT_DETAIL = 4, ALL_TEXTS = 7 };
-
-// Where a flowpath's row was found.
-struct flowpath_place {
-  std::string_view partition, instance;
-};
+// The texts of a segment from a place of an instance's file. "", or what is wrong.
+std::string read_segment_texts_at(blob_store *store, std::string_view partition, int64_t app, int64_t offset,
+                                  const segment_record &segment, segment_texts *texts, uint32_t which = ALL_TEXTS);
 
 // The texts of a segment: from where its line says, or, for a late one, from where they went. "", or what is wrong. Nothing
 // is read when it left no blob. Texts that were not chosen stay empty. `row` is the row whose list has the segment.

@@ -2,332 +2,372 @@
 //   In      all output files of the chosen partitions and instances
 //   Out     a line of totals, or the first hundred faults, on standard output
 //   Thread  one
-//   Failure a fault is told with its place and the check goes on; what cannot be read is a fault
-// A flowpath that ended after its partition was over has its row in the previous partition's file, its list in the current
-// one's. A segment that ended so has its texts in the previous file, but an offset of the current one: nobody finds them.
+//   Failure a fault is reported with its place and the check goes on; what cannot be read is a fault
 #include "show_check.h"
 
-#include "show_blob.h"
-#include "show_detail.h"
-#include "show_side_files.h"
+#include "show_list.h"
+
+#include "tqread_detail.h"
+#include "tqread_text.h"
+
+#include "wllb_util.h"
 
 #include <algorithm>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+using namespace tqread;
 
 // --- the check and its places -------------------------------------------------------------------------------------
 
-struct check_counts {
-  int64_t flowpaths = 0, segments = 0, tokens = 0, callouts = 0, side_rows = 0;
-  int64_t late_segments = 0; // whose offsets cannot be trusted
+constexpr int64_t most_reported = 100;
+
+struct checker {
+  const test_run &run;
+  show_out *out;
+  name_table names = {};
+  flowpath_reader reader{run};
+  int64_t flowpaths = 0, segments = 0, tokens = 0, callouts = 0, side_rows = 0, name_rows = 0;
+  int64_t faults = 0;
+
+  void fault(const error &what);
+  void check_names();
+  void check_rows(const std::string &path, const table &of);
+  void check_ids(const row_file &rows, const table &of);
+  void check_flowpaths(const flowpath_place &place);
+  int report() const;
 };
 
-struct check_run {
-  const show_run &run;
-  show_names names;
-  show_faults faults;
-  check_counts counts;
-};
-
-// The row being checked.
-struct check_row {
-  check_run &check;
-  const std::string &partition, &instance;
-  int64_t line_number;
-  show_row row;
-  show_reference reference;
-};
-
-static void row_fault(check_row &at, const std::string &words) {
-  show_fault(&at.check.faults, "%s/%s/TQFlowPath.csv line %lld, flowpath %s: %s", at.partition.c_str(),
-             at.instance.c_str(), static_cast<long long>(at.line_number), show_printable(at.row[ROW_FPI], 20).c_str(),
-             words.c_str());
+void checker::fault(const error &what) {
+  if (++faults <= most_reported)
+    out->put(error_text(what)).end_line();
 }
 
-static void segment_fault(check_row &at, const show_segment_line &line, const std::string &words) {
-  row_fault(at, wllb_format("segment %s: %s", show_printable(line[LINE_FPI], 20).c_str(), words.c_str()));
-}
-
-struct kind_name {
-  show_kind kind;
-  const char *name;
-};
-
-static const char *name_of(show_kind kind) {
-  static constexpr kind_name rows[] = {{KIND_METHOD, "method"},       {KIND_SQL, "query"},
-                                       {KIND_RESOURCE, "resource"},   {KIND_URL, "URL"},
-                                       {KIND_SIGNATURE, "signature"}, {KIND_TAG, "tag"}};
-  for (const kind_name &row : rows)
-    if (row.kind == kind)
-      return row.name;
-  return "id";
+static const char *name_of(name_kind kind) {
+  switch (kind) {
+  case name_kind::method:
+    return "method";
+  case name_kind::query:
+    return "query";
+  case name_kind::resource:
+    return "resource";
+  case name_kind::url:
+    return "URL";
+  case name_kind::signature:
+    return "signature";
+  case name_kind::tag_set:
+    return "tag set";
+  case name_kind::header:
+    return "header";
+  default:
+    return "id";
+  }
 }
 
 // Empty, or what is wrong with an id.
-static std::string missing_name(const check_run &check, show_kind kind, int64_t id) {
-  if (show_is_known(check.names, kind, id))
+static std::string missing_name(const checker &check, name_kind kind, int64_t id) {
+  if (check.names.is_known(kind, id))
     return "";
   return wllb_format("the %s %lld has no row among the names", name_of(kind), static_cast<long long>(id));
 }
 
-// --- blobs --------------------------------------------------------------------------------------------------------
+// --- one row ------------------------------------------------------------------------------------------------------
 
-static std::string check_callout_token(const check_run &check, const show_token &token) {
-  if (token.is_bare)
+// The row being checked.
+struct checked_row {
+  checker &check;
+  const flowpath &whole;
+  const row_file &rows;
+
+  void fault(const std::string &words) const {
+    error what = rows.fault();
+    what.reason = "flowpath " + std::to_string(whole.row.fpi) + ": " + words;
+    check.fault(what);
+  }
+
+  void fault_of(const segment_record &line, const std::string &words) const {
+    fault("segment " + std::to_string(line.fpi) + ": " + words);
+  }
+
+  void check_id(const segment_record &line, const char *what, name_kind kind, int64_t id) const {
+    if (const std::string words = missing_name(check, kind, id); !words.empty())
+      fault_of(line, what + words);
+  }
+
+  void check_blob(const flowpath_segment &segment) const;
+  void check_callouts(const flowpath_segment &segment) const;
+  void check_captured(const flowpath_segment &segment) const;
+  void check_logged(const segment_record &line, const std::string &text) const;
+  void check_segment(const flowpath_segment &segment) const;
+  void check_list() const;
+  void check_points() const;
+  void check_ids() const;
+};
+
+// --- blobs and callout texts ------------------------------------------------------------------------------------------
+
+static std::string check_token(const checker &check, const blob_token &token) {
+  if (token.kind == token_kind::bad)
+    return "it is not a valid token";
+  if (token.kind != token_kind::callout)
+    return missing_name(check, name_kind::method, token.method_id);
+  const callout_token &callout = token.callout;
+  if (callout.is_bare)
     return "";
-  std::string words = missing_name(check, KIND_METHOD, token.backend_id);
-  if (words.empty() && (token.letter == 'G' || show_is_database_type(token.backend_type)))
-    words = missing_name(check, KIND_SQL, token.sql_id);
-  if (words.empty())
-    words = missing_name(check, KIND_RESOURCE, token.resource_id);
-  return words;
+  std::string words = missing_name(check, name_kind::method, callout.backend_id);
+  if (words.empty() && (callout.letter == 'G' || is_database(callout.backend_type)))
+    words = missing_name(check, name_kind::query, callout.query_id);
+  return words.empty() ? missing_name(check, name_kind::resource, callout.resource_id) : words;
 }
 
-static std::string check_token(const check_run &check, const show_token &token) {
-  if (token.kind == TOKEN_BAD)
-    return "it is none";
-  return token.kind == TOKEN_CALLOUT ? check_callout_token(check, token)
-                                     : missing_name(check, KIND_METHOD, token.method_id);
-}
-
-static void check_blob(check_row &at, const show_segment_line &line, std::string_view text) {
+void checked_row::check_blob(const flowpath_segment &segment) const {
+  const std::string &text = segment.texts.blob;
   if (text.find_first_of(",\n") != text.npos)
-    segment_fault(at, line, "its blob holds a comma or a newline");
-  show_blob blob = show_begin_blob(text);
-  for (show_token token; show_next_token(&blob, &token);) {
-    ++at.check.counts.tokens;
-    const std::string words = check_token(at.check, token);
-    if (!words.empty())
-      segment_fault(at, line,
-                    wllb_format("token '%s' of its blob: %s", show_printable(token.text, 80).c_str(), words.c_str()));
+    fault_of(segment.line, "its blob holds a comma or a newline");
+  blob_cursor cursor(text);
+  for (blob_token token = {}; cursor.next(&token);) {
+    ++check.tokens;
+    if (const std::string words = check_token(check, token); !words.empty())
+      fault_of(segment.line, "token '" + printable(token.text, 80) + "' of its blob: " + words);
   }
 }
 
-// --- callout texts ------------------------------------------------------------------------------------------------
-
-// A column of a callout row that must name something.
-static void check_callout_id(check_row &at, const show_segment_line &line, show_kind kind, std::string_view column) {
-  int64_t id = 0;
-  const std::string words = show_number(column, &id) ? missing_name(at.check, kind, id) : "an id is no number";
-  if (!words.empty())
-    segment_fault(at, line, "a row of its callout text: " + words);
-}
-
-static void check_callout_row(check_row &at, const show_segment_line &line, const show_callout_row &row) {
-  constexpr std::string_view none = "-1"; // of callouts that are nothing but a mark
-  if (row[CALLOUT_BACKEND] == none && row[CALLOUT_SUB_TYPE] == none)
-    return;
-  check_callout_id(at, line, KIND_METHOD, row[CALLOUT_BACKEND]);
-  check_callout_id(at, line, KIND_RESOURCE, row[CALLOUT_RESOURCE]);
-  if (row[CALLOUT_KIND] == "G" || show_is_database_type(row[CALLOUT_TYPE]))
-    check_callout_id(at, line, KIND_SQL, row[CALLOUT_SUB_TYPE]);
-}
-
-static void check_callouts(check_row &at, const show_segment_line &line, std::string_view text) {
+void checked_row::check_callouts(const flowpath_segment &segment) const {
+  const segment_record &line = segment.line;
   int64_t count = 0;
-  bool cut = false;
-  show_callout_row row;
-  while (!text.empty() && show_next_callout_row(&text, &cut, &row)) {
-    ++count;
-    if (!cut)
-      check_callout_row(at, line, row);
+  callout_rows calls(segment.texts.callouts, check.run.epoch_diff_s);
+  for (callout_record row; !calls.left_over().empty() && calls.next(&row); ++count) {
+    const bool is_mark = row.backend_id == -1 && row.query_id == -1;
+    if (is_mark || calls.was_cut())
+      continue;
+    constexpr const char *what = "a row of its callout text: ";
+    check_id(line, what, name_kind::method, row.backend_id);
+    check_id(line, what, name_kind::resource, row.resource_id);
+    if (row.kind == "G" || is_database(row.backend_type))
+      check_id(line, what, name_kind::query, row.query_id);
   }
-  at.check.counts.callouts += count;
-  if (!text.empty())
-    segment_fault(at, line, "a row of its callout text has not 19 columns");
-  else if (count != line.number(LINE_CALLOUT_COUNT))
-    segment_fault(at, line,
-                  wllb_format("its callout text has %lld rows, its line says %.*s", static_cast<long long>(count),
-                              static_cast<int>(line[LINE_CALLOUT_COUNT].size()), line[LINE_CALLOUT_COUNT].data()));
+  check.callouts += count;
+  if (!calls.left_over().empty())
+    fault_of(line, "a row of its callout text has not 19 columns");
+  else if (count != line.callout_rows)
+    fault_of(line, wllb_format("its callout text has %lld rows, its line says %lld", static_cast<long long>(count),
+                               static_cast<long long>(line.callout_rows)));
 }
 
-// --- segments -----------------------------------------------------------------------------------------------------
+// --- captured texts -------------------------------------------------------------------------------------------------
 
-// Whether the offset of a segment's line is sure to be one of its partition's file: its flowpath ended in time.
-static bool offset_is_sure(const check_row &at, const show_segment_line &line) {
-  return line[LINE_PARTITION] == at.partition && at.reference.partition == at.partition;
+void checked_row::check_logged(const segment_record &line, const std::string &text) const {
+  // A record's last piece is its whole rest: what stands after a '|' there is as the agent sent it.
+  constexpr int most_values = 1023;
+  logged_values logged;
+  if (!read_logged_values(text, &logged))
+    return fault_of(line, "its logged values have not ten numbers and values");
+  check_id(line, "its logged values: ", name_kind::method, logged.method_id);
+  std::string_view id, value;
+  for (int i = 0; i < most_values && take_logged_value(&logged.values, &id, &value); ++i)
+    if (const int64_t header = number_or(id, 0); header != 0)
+      check_id(line, "its logged values: ", name_kind::header, header);
 }
 
-// False when the texts are not to be had, and that is no fault.
-static bool read_segment_texts(check_row &at, const show_segment_line &line, show_segment_texts *texts) {
-  show_blob_file file;
-  std::string words = "the sequence blob file is not there";
-  if (show_open_blob_file(at.check.run, line[LINE_PARTITION], at.row.number(ROW_APP), &file))
-    words = show_read_segment(file, line, texts);
-  const bool sure = offset_is_sure(at, line);
-  const bool proven = words.empty() && line.number(LINE_BLOB_COMP) != 0; // gzip members have a sum of their own
-  if (!words.empty() && sure)
-    segment_fault(at, line, words);
-  if (!sure && !proven)
-    ++at.check.counts.late_segments;
-  return words.empty() && (sure || proven);
+// Texts that could not be read are among the flowpath's faults already; they are empty.
+void checked_row::check_captured(const flowpath_segment &segment) const {
+  for (const std::string &text : segment.logged)
+    if (!text.empty())
+      check_logged(segment.line, text);
+  for (const auto *texts : {&segment.request_bodies, &segment.response_bodies})
+    for (const std::string &text : *texts) {
+      captured_body body;
+      const bool is_response = texts == &segment.response_bodies;
+      if (!text.empty() && (!text.starts_with(is_response ? "46," : "45,") || !read_body(text, &body)))
+        fault_of(segment.line, is_response ? "its response body is not one" : "its request body is not one");
+    }
 }
 
-static void check_segment(check_row &at, const show_segment_line &line) {
-  ++at.check.counts.segments;
-  const std::string words = missing_name(at.check, KIND_URL, line.number(LINE_URL));
-  if (!words.empty())
-    segment_fault(at, line, words);
-  for (const std::string &fault : show_check_detail(at.check.run, at.check.names, at.row.number(ROW_APP), line))
-    segment_fault(at, line, fault);
-  show_segment_texts texts;
-  if (show_has_no_blob(line) || !read_segment_texts(at, line, &texts))
+void checked_row::check_segment(const flowpath_segment &segment) const {
+  ++check.segments;
+  check_id(segment.line, "", name_kind::url, segment.line.url_id);
+  check_captured(segment);
+  if (segment.no_blob || !segment.unreadable.empty()) // the latter is a fault of the flowpath already
     return;
-  check_blob(at, line, texts.blob);
-  check_callouts(at, line, texts.callouts);
+  check_blob(segment);
+  check_callouts(segment);
+}
+
+// --- sums ---------------------------------------------------------------------------------------------------------
+
+// A column of the row that is the sum of a column of its segments' lines.
+struct summed_column {
+  const char *name;
+  int64_t flowpath_record::*of_row;
+  int64_t segment_record::*of_line;
+  bool wide; // 64 bits; else 32
+};
+
+#define SUMMED(member, wide)                                                                                           \
+  { #member, &flowpath_record::member, &segment_record::member, wide }
+static constexpr summed_column summed_columns[] = {
+    SUMMED(method_cpu_ms, true), SUMMED(methods, false),  SUMMED(callouts, false),      SUMMED(cpu_ms, true),
+    SUMMED(errors, false),       SUMMED(db_calls, false), SUMMED(http_callouts, false), SUMMED(messaging_calls, false),
+    SUMMED(cache_calls, false),  SUMMED(wait_ms, true),   SUMMED(sync_ms, true),        SUMMED(io_ms, true),
+    SUMMED(suspension_ms, true), SUMMED(queue_ms, true),
+};
+
+// Sums wrap around, as the row's own do.
+void checked_row::check_list() const {
+  const auto count = static_cast<int64_t>(whole.segments.size());
+  if (whole.list.count != count)
+    fault(wllb_format("the list of its segments says %lld, but has %lld", static_cast<long long>(whole.list.count),
+                      static_cast<long long>(count)));
+  if (whole.main_segment < 0)
+    fault("its main segment is not in the list");
+  for (const summed_column &column : summed_columns) {
+    uint64_t sum = 0;
+    for (const segment_record &line : whole.list.segments)
+      sum += static_cast<uint64_t>(line.*column.of_line);
+    const uint64_t difference = sum - static_cast<uint64_t>(whole.row.*column.of_row);
+    if (column.wide ? difference != 0 : static_cast<uint32_t>(difference) != 0)
+      fault(wllb_format("%s is %lld, its segments sum up to %lld", column.name,
+                        static_cast<long long>(whole.row.*column.of_row), static_cast<long long>(sum)));
+  }
+}
+
+// The integration points: as many times as ids, and each id has a name.
+void checked_row::check_points() const {
+  const std::string_view ids = whole.row.point_ids, times = whole.row.point_ms;
+  if (std::count(ids.begin(), ids.end(), ',') != std::count(times.begin(), times.end(), ',') ||
+      ids.empty() != times.empty())
+    fault("columns 43 and 44 have not as many entries");
+  for (std::string_view rest = ids; !rest.empty();) {
+    int64_t id = 0;
+    const std::string words = read_number(take_piece(&rest, ','), &id) ? missing_name(check, name_kind::method, id)
+                                                                       : "column 43 has an id that is not a number";
+    if (!words.empty())
+      fault(words);
+  }
+}
+
+void checked_row::check_ids() const {
+  const flowpath_record &row = whole.row;
+  std::vector<std::string> found = {missing_name(check, name_kind::url, row.url_id)};
+  if (row.signature_id > 0) // 0: off; -1: an empty one
+    found.push_back(missing_name(check, name_kind::signature, row.signature_id));
+  if (row.tag_set_id != 0)
+    found.push_back(missing_name(check, name_kind::tag_set, row.tag_set_id));
+  for (const std::string &words : found)
+    if (!words.empty())
+      fault(words);
 }
 
 // --- rows ---------------------------------------------------------------------------------------------------------
 
-// A column of the row that is the sum of a column of its segments' lines.
-struct summed_column {
-  size_t of_row, of_line;
-  bool wide; // 64 bits; else 32
-};
-
-static constexpr summed_column summed_columns[] = {
-    // clang-format off
-  {14, 18, true},  // CPU time of the methods
-  {16, 20, false}, // entry methods
-  {19, 22, false}, // callouts
-  {22, 25, true},  // CPU time
-  {23, 26, false}, // errors
-  {26, 28, false}, // database calls
-  {27, 29, false}, // HTTP callouts
-  {28, 30, false}, // messaging calls
-  {30, 31, false}, // cache calls
-  {36, 37, true},  // wait
-  {37, 38, true},  // synchronisation
-  {38, 39, true},  // I/O
-  {39, 40, true},  // suspension
-  {40, 41, true},  // queue
-}; // clang-format on
-
-struct list_sums {
-  uint64_t of[std::size(summed_columns)] = {}; // wrap around, as the row's own do
-  int64_t segments = 0;
-  bool has_main = false;
-};
-
-static void check_sums(check_row &at, const list_sums &sums) {
-  for (size_t i = 0; i < std::size(summed_columns); ++i) {
-    const summed_column &column = summed_columns[i];
-    const uint64_t difference = sums.of[i] - static_cast<uint64_t>(at.row.number(column.of_row));
-    if (column.wide ? difference != 0 : static_cast<uint32_t>(difference) != 0)
-      row_fault(at, wllb_format("column %zu is %.*s, its segments' columns %zu sum up to %lld", column.of_row,
-                                static_cast<int>(at.row[column.of_row].size()), at.row[column.of_row].data(),
-                                column.of_line, static_cast<long long>(sums.of[i])));
+void checker::check_flowpaths(const flowpath_place &place) {
+  const std::string path = row_path(place.partition, place.instance, "TQFlowPath.csv");
+  row_file rows(run, path, table_of(table_id::flowpath));
+  flowpath whole;
+  while (rows.next()) {
+    ++flowpaths;
+    if (rows.reason()) {
+      fault(rows.fault());
+      continue;
+    }
+    reader.read(place, rows.bytes(), WITH_TREES | WITH_CAPTURED, &whole);
+    const checked_row row = {*this, whole, rows};
+    for (const error &what : whole.faults)
+      row.fault(what.reason);
+    row.check_ids();
+    row.check_points();
+    for (const flowpath_segment &segment : whole.segments)
+      row.check_segment(segment);
+    if (!whole.segments.empty())
+      row.check_list();
   }
+  if (rows.lines.left_over() > 0)
+    fault({path, place_unit::row, rows.lines.number() + 1, "it has no newline at its end"});
 }
 
-static void check_list(check_row &at, std::string_view list) {
-  int64_t count = 0;
-  list_sums sums;
-  if (!show_begin_list(&list, &count))
-    return row_fault(at, "the list of its segments has no count");
-  for (show_segment_line line; show_next_line(&list, &line); ++sums.segments) {
-    for (size_t i = 0; i < std::size(summed_columns); ++i)
-      sums.of[i] += static_cast<uint64_t>(line.number(summed_columns[i].of_line));
-    sums.has_main = sums.has_main || line[LINE_FPI] == at.row[ROW_FPI];
-    check_segment(at, line);
-  }
-  if (!list.empty())
-    return row_fault(at, wllb_format("line %lld of the list of its segments has not 47 columns as they should be",
-                                     static_cast<long long>(sums.segments) + 1));
-  if (count != sums.segments)
-    row_fault(at, wllb_format("the list of its segments says %lld, but has %lld", static_cast<long long>(count),
-                              static_cast<long long>(sums.segments)));
-  if (!sums.has_main)
-    row_fault(at, "its main segment is not in the list");
-  check_sums(at, sums);
+// --- the other files ------------------------------------------------------------------------------------------------
+
+void checker::check_ids(const row_file &rows, const table &of) {
+  const auto report = [&](const column &c, int64_t id) {
+    error what = rows.fault();
+    what.reason = wllb_format("%s is %lld, which has no row among the names", c.name, static_cast<long long>(id));
+    fault(what);
+  };
+  for (const column &c : of.columns)
+    if (c.names != name_kind::none && rows.record.integer(c) != c.no_name &&
+        !names.is_known(c.names, rows.record.integer(c)))
+      report(c, rows.record.integer(c));
+  if (of.id != table_id::exception)
+    return;
+  const exception_record &row = rows.record.as<exception_record>();
+  constexpr int64_t backend_sql = 2;
+  if (row.backend_type == backend_sql && row.sub_type != -1 && !names.is_known(name_kind::query, row.sub_type))
+    report(of.columns.back(), row.sub_type);
 }
 
-// The integration points: as many times as ids, and each id has a name.
-static void check_points(check_row &at) {
-  const std::string_view ids = at.row[ROW_POINT_IDS], times = at.row[ROW_POINT_TIMES];
-  if (std::count(ids.begin(), ids.end(), ',') != std::count(times.begin(), times.end(), ',') ||
-      ids.empty() != times.empty())
-    row_fault(at, "columns 43 and 44 have not as many entries");
-  for (std::string_view rest = ids; !rest.empty();) {
-    const std::string_view id = wllb_take_piece(&rest, ',');
-    int64_t number = 0;
-    const std::string words = show_number(id, &number) ? missing_name(at.check, KIND_METHOD, number)
-                                                       : "column 43 has an id that is no number";
-    if (!words.empty())
-      row_fault(at, words);
-  }
-}
-
-static void check_row_ids(check_row &at) {
-  std::vector<std::string> found = {missing_name(at.check, KIND_URL, at.row.number(ROW_URL))};
-  if (const int64_t signature = at.row.number(ROW_SIGNATURE); signature > 0) // 0: off; -1: an empty one
-    found.push_back(missing_name(at.check, KIND_SIGNATURE, signature));
-  if (const int64_t tags = at.row.number(ROW_TAGS); tags != 0)
-    found.push_back(missing_name(at.check, KIND_TAG, tags));
-  for (const std::string &words : found)
-    if (!words.empty())
-      row_fault(at, words);
-}
-
-static void check_row_of(check_row &at) {
-  check_row_ids(at);
-  check_points(at);
-  if (!show_read_reference(at.row[ROW_REFERENCE], &at.reference))
-    return row_fault(at, "the reference to its segments cannot be read");
-  show_blob_file file;
-  if (!show_open_blob_file(at.check.run, at.reference.partition, at.row.number(ROW_APP), &file))
-    return row_fault(at, "the sequence blob file of its segments is not there");
-  std::string list;
-  if (const char *words = show_read_member(file, at.reference.offset, at.reference.length, &list))
-    return row_fault(at, std::string("the list of its segments ") + words);
-  check_list(at, list);
-}
-
-static void check_flowpaths(check_run &check, const std::string &partition, const std::string &instance) {
-  show_lines lines(show_data_path(check.run, partition, instance, "TQFlowPath.csv"));
-  for (std::string_view line; lines.next(&line);) {
-    ++check.counts.flowpaths;
-    check_row at = {check, partition, instance, lines.number, {}, {}};
-    const char *words = lines.whole ? show_split_row(line, &at.row) : "it has no newline at its end";
-    if (words)
-      row_fault(at, words);
+void checker::check_rows(const std::string &path, const table &of) {
+  row_file rows(run, path, of);
+  while (rows.next()) {
+    ++side_rows;
+    if (rows.reason())
+      fault(rows.fault());
     else
-      check_row_of(at);
+      check_ids(rows, of);
   }
+  if (rows.lines.left_over() > 0 && path.ends_with(".dat"))
+    fault({path, place_unit::whole_file, 0, "its size is not a multiple of 144 bytes"});
+  else if (rows.lines.left_over() > 0)
+    fault({path, place_unit::row, rows.lines.number() + 1, "it has no newline at its end"});
+}
+
+static bool ends_with_newline(const std::string &path) {
+  struct stat facts = {};
+  const wllb_fd file(wllb_open_plain(path.c_str(), O_RDONLY, &facts));
+  char last = '\n';
+  return file.fd < 0 || facts.st_size == 0 || (wllb_read_at(file.fd, &last, 1, facts.st_size - 1), last == '\n');
+}
+
+void checker::check_names() {
+  name_loader loader(run, all_kinds, name_loader::texts::none);
+  loader.load(&names, [this](const error &what) { fault(what); });
+  name_rows = loader.rows();
+  for (const table &of : all_tables())
+    if (of.common && of.names == name_kind::none)
+      check_rows(common_path(of.file), of);
+    else if (of.common && !ends_with_newline(full_path(run, common_path(of.file))))
+      fault({common_path(of.file), place_unit::whole_file, 0, "its last row has no newline at its end"});
 }
 
 // --- all of it ----------------------------------------------------------------------------------------------------
 
-static int tell_faults(const show_faults &faults) {
-  const long long count = faults.count, told = static_cast<long long>(faults.told.size());
-  for (const std::string &words : faults.told)
-    printf("%s\n", words.c_str());
-  if (count > told)
-    printf("... and %lld more\n", count - told);
-  printf("%lld faults\n", count);
-  return 1;
-}
-
-static int tell_totals(const check_run &check) {
-  const check_counts &counts = check.counts;
-  if (counts.late_segments != 0)
-    printf(
-        "%lld segments were not read: their flowpaths reached over a partition's end, so their offsets may be another file's\n",
-        static_cast<long long>(counts.late_segments));
-  printf(
-      "%lld flowpaths, %lld segments, %lld tokens, %lld callout rows, %lld side rows, %lld names checked, no faults\n",
-      static_cast<long long>(counts.flowpaths), static_cast<long long>(counts.segments),
-      static_cast<long long>(counts.tokens), static_cast<long long>(counts.callouts),
-      static_cast<long long>(counts.side_rows), static_cast<long long>(check.names.rows));
+int checker::report() const {
+  if (faults > 0) {
+    if (faults > most_reported)
+      out->put("... and ").number(faults - most_reported).put(" more").end_line();
+    out->number(faults).put(" faults").end_line();
+    return 1;
+  }
+  out->number(flowpaths).put(" flowpaths, ").number(segments).put(" segments, ").number(tokens).put(" tokens, ");
+  out->number(callouts).put(" callout rows, ").number(side_rows).put(" side rows, ").number(name_rows);
+  out->put(" names checked, no faults").end_line();
   return 0;
 }
 
-int show_check(const show_run &run, const show_choice &choice) {
-  check_run check = {run, {}, {}, {}};
-  show_load_names(run, ~0U, false, &check.names, &check.faults);
-  check.counts.side_rows += show_check_common_files(run, &check.faults);
-  show_each_instance(run, choice, [&](const std::string &partition, const std::string &instance) {
-    check_flowpaths(check, partition, instance);
-    check.counts.side_rows += show_check_side_files(run, partition, instance, check.names, &check.faults);
+int show_check(const test_run &run, const show_options &options, show_out *out) {
+  show_question places;
+  if (!places.make(run, options.asked, 0))
+    return 1;
+  checker check = {run, out};
+  check.check_names();
+  each_place(run, options.asked.partition, "", [&](const flowpath_place &place) {
+    if (!places.which.takes_place(place))
+      return true;
+    check.check_flowpaths(place);
+    for (const table &of : all_tables())
+      if (!of.common && *of.file && of.id != table_id::flowpath)
+        check.check_rows(row_path(place.partition, place.instance, of.file), of);
+    check.check_rows(timing_path(place.partition, place.instance), table_of(table_id::method_timing));
     return true;
   });
-  return check.faults.count > 0 ? tell_faults(check.faults) : tell_totals(check);
+  return check.report();
 }

@@ -1,15 +1,12 @@
 // What agents captured of a request beside its calls: request detail, logged values, bodies.
 #pragma once
 
-#include "show_files.h"
+#include "show_out.h"
+
+#include "tqread_flowpath.h"
 
 // The kinds of names that logged values need.
-constexpr uint32_t show_detail_kinds = 1U << KIND_METHOD | 1U << KIND_HEADER;
+constexpr uint32_t show_detail_kinds = tqread::kinds_of({tqread::name_kind::method, tqread::name_kind::header});
 
-// Prints a segment's request detail, logged values and bodies, as far as there are any. False when a text cannot be read.
-bool show_print_detail(const show_run &run, const show_names &names, int64_t app, const show_segment_line &line,
-                       std::string_view detail);
-
-// What is wrong with the logged values and bodies of a segment; empty: nothing.
-std::vector<std::string> show_check_detail(const show_run &run, const show_names &names, int64_t app,
-                                           const show_segment_line &line);
+// Prints a segment's request detail, logged values and bodies, as far as there are any.
+void show_print_detail(const tqread::name_table &names, const tqread::flowpath_segment &segment, show_out *out);

@@ -1,180 +1,212 @@
 // Lists exceptions, those of one flowpath or of all.
-//   In      TQExceptions.csv, the names behind its ids
-//   Out     lines on standard output: when, what, thrown where, why, where the stack begins, the method that met it
+//   In      exception records, the names behind their ids
+//   Out     columns or JSON lines: when, what, thrown where, why, where the stack begins, the method that met it
 //   Thread  one
-//   Failure a row that cannot be read is told in its place by the list; the exceptions of one flowpath pass over it
-// Sample:   4611686018427387905,3,4,5,1000,1,2,3,42,4,5,6,17,88,2,9
+//   Failure a row that cannot be read is reported on standard error; the exit status is 1 then
 #include "show_exceptions.h"
+
+#include "show_list.h"
+
+#include "tqread_text.h"
+
+#include "wllb_json_writer.h"
 
 #include <algorithm>
 
-using exception_row = show_columns<16>;
+using namespace tqread;
 
-enum exception_column {
-  EXCP_FPI = 1,
-  EXCP_TIME = 5,
-  EXCP_CLS = 6,
-  EXCP_THR_CLS = 7,
-  EXCP_THR_MTD = 8,
-  EXCP_LINE = 9,
-  EXCP_MSG = 10,
-  EXCP_CAUSE = 11,
-  EXCP_STACK = 12,
-  EXCP_METHOD = 13,
-  EXCP_METHOD_LINE = 14,
-  EXCP_BACKEND_TYPE = 15,
-  EXCP_SUB_TYPE = 16
-};
+// --- the table ----------------------------------------------------------------------------------------------------
 
-// What is printed of a row: a time, the names behind these ids, and the method that met the exception.
+// What is printed of a row: the names behind these ids, in columns as wide as their widest name.
 struct name_cell {
   const char *title;
-  exception_column column; // EXCP_THR_CLS: its method and line follow
-  show_kind kind;
+  int64_t exception_record::*id;
+  name_kind kind;
   size_t most;
 };
 
 static constexpr name_cell name_cells[] = {
     // clang-format off
-  {"exception", EXCP_CLS,     KIND_EXCP_CLS,     60},
-  {"thrown at", EXCP_THR_CLS, KIND_EXCP_THR_CLS, 80},
-  {"message",   EXCP_MSG,     KIND_EXCP_MSG,     60},
-  {"cause",     EXCP_CAUSE,   KIND_EXCP_CAUSE,   60},
-  {"stack",     EXCP_STACK,   KIND_EXCP_STACK,   100},
+  {"exception", &exception_record::class_id,          name_kind::exception_class, 60},
+  {"thrown at", &exception_record::throwing_class_id, name_kind::throwing_class,  80}, // its method and line follow
+  {"message",   &exception_record::message_id,        name_kind::message,         60},
+  {"cause",     &exception_record::cause_id,          name_kind::cause,           60},
+  {"stack",     &exception_record::stack_id,          name_kind::stack_trace,     100},
 }; // clang-format on
 
 constexpr size_t most_of_method = 60, places_of_line = 5;
-constexpr uint32_t exception_kinds = 1U << KIND_EXCP_CLS | 1U << KIND_EXCP_THR_CLS | 1U << KIND_EXCP_THR_MTD |
-                                     1U << KIND_EXCP_MSG | 1U << KIND_EXCP_CAUSE | 1U << KIND_EXCP_STACK |
-                                     1U << KIND_METHOD | 1U << KIND_SQL;
 
-// Names, and how wide they make the columns.
 struct exception_table {
-  show_names names;
-  int widths[std::size(name_cells)];
+  const name_table &names;
+  show_out *out;
+  size_t widths[std::size(name_cells)] = {};
+
+  exception_table(const name_table &of, show_out *to);
+  std::string cell_text(const exception_record &row, const name_cell &cell) const;
+  void print_titles() const;
+  void print_row(const exception_record &row) const;
 };
 
-// --- the table ----------------------------------------------------------------------------------------------------
-
-// A stack trace is one line of its file: its own lines begin with "at", or stand behind a tab or the like.
-static std::string first_line(std::string_view stack) {
-  stack.remove_prefix(std::min(stack.find_first_not_of(" \t\v\f\r"), stack.size()));
-  return std::string(stack.substr(0, std::min(stack.find_first_of("\t\v\f\r"), stack.find(" at "))));
+// A stack trace is one line of its file: its own lines begin with "at"; what separated them is no longer a tab.
+static std::string_view first_line(std::string_view stack) {
+  stack.remove_prefix(std::min(stack.find_first_not_of(" ?"), stack.size()));
+  return stack.substr(0, std::min(stack.find(" at "), stack.find("?at ")));
 }
 
-static size_t widest(const show_names &names, show_kind kind, size_t most) {
+static size_t widest(const name_table &names, name_kind kind, size_t most) {
   size_t width = 0;
-  for (const auto &[id, text] : names.texts[kind])
-    width = std::max(width, text.size());
+  names.each(kind, [&](int64_t, std::string_view text) {
+    width = std::max(width, show_width(kind == name_kind::stack_trace ? first_line(text) : text));
+  });
   return std::min(width, most);
 }
 
-static void begin_table(const show_run &run, exception_table *table) {
-  show_load_names(run, exception_kinds, true, &table->names, nullptr);
-  for (auto &[id, text] : table->names.texts[KIND_EXCP_STACK])
-    text = first_line(text);
+exception_table::exception_table(const name_table &of, show_out *to) : names(of), out(to) {
   for (size_t i = 0; i < std::size(name_cells); ++i) {
     const name_cell &cell = name_cells[i];
-    size_t width = widest(table->names, cell.kind, cell.most);
-    if (cell.column == EXCP_THR_CLS)
-      width += 1 + widest(table->names, KIND_EXCP_THR_MTD, most_of_method) + 1 + places_of_line;
-    table->widths[i] = static_cast<int>(std::max(width, std::string_view(cell.title).size()));
+    widths[i] = widest(names, cell.kind, cell.most);
+    if (cell.kind == name_kind::throwing_class)
+      widths[i] += 1 + widest(names, name_kind::throwing_method, most_of_method) + 1 + places_of_line;
+    widths[i] = std::max(widths[i], std::string_view(cell.title).size());
   }
 }
 
-static void print_titles(const exception_table &table) {
-  printf("%-19s", "time (UTC)");
-  for (size_t i = 0; i < std::size(name_cells); ++i)
-    printf("  %-*s", table.widths[i], name_cells[i].title);
-  printf("  method\n");
-}
-
-static std::string cell_text(const show_names &names, const exception_row &row, const name_cell &cell) {
-  std::string text = show_name(names, cell.kind, row.number(cell.column), cell.most);
-  if (cell.column == EXCP_THR_CLS)
-    text += "." + show_name(names, KIND_EXCP_THR_MTD, row.number(EXCP_THR_MTD), most_of_method) + ":" +
-            std::to_string(row.number(EXCP_LINE));
+std::string exception_table::cell_text(const exception_record &row, const name_cell &cell) const {
+  if (cell.kind == name_kind::stack_trace) {
+    const std::string_view stack = names.find(cell.kind, row.*cell.id);
+    return stack.data() ? printable(first_line(stack), cell.most) : names.show(cell.kind, row.*cell.id);
+  }
+  std::string text = show_name(names, cell.kind, row.*cell.id, cell.most);
+  if (cell.kind == name_kind::throwing_class)
+    text += "." + show_name(names, name_kind::throwing_method, row.throwing_method_id, most_of_method) + ":" +
+            std::to_string(row.line);
   return text;
 }
 
-// "com.acme.Shop.pay()V:88, backend type 2, sql "select 1"", or "-".
-static std::string method_text(const show_names &names, const exception_row &row) {
+void exception_table::print_titles() const {
+  out->left("time (UTC)", 19);
+  for (size_t i = 0; i < std::size(name_cells); ++i)
+    out->put("  ").left(name_cells[i].title, widths[i]);
+  out->put("  method").end_line();
+}
+
+// "com.acme.Shop.pay()V:88, JDBC, sql "select 1"", or "-".
+static std::string method_text(const name_table &names, const exception_record &row) {
   constexpr int64_t none = -1, backend_sql = 2;
-  if (row.number(EXCP_METHOD) == none)
+  if (row.method_id == none)
     return "-";
-  std::string text = show_name(names, KIND_METHOD, row.number(EXCP_METHOD), 200) + ":" +
-                     std::to_string(row.number(EXCP_METHOD_LINE)) + ", backend type " +
-                     std::to_string(row.number(EXCP_BACKEND_TYPE));
-  if (row.number(EXCP_BACKEND_TYPE) == backend_sql && row.number(EXCP_SUB_TYPE) != none)
-    text += ", sql \"" + show_name(names, KIND_SQL, row.number(EXCP_SUB_TYPE), 200) + "\"";
+  const backend_type type = backend_type_of(row.backend_type);
+  std::string text = show_name(names, name_kind::method, row.method_id, 200) + ":" + std::to_string(row.method_line) +
+                     ", " + (type.name ? type.name : "backend type " + std::to_string(row.backend_type));
+  if (row.backend_type == backend_sql && row.sub_type != none)
+    text += ", sql \"" + show_name(names, name_kind::query, row.sub_type, 200) + "\"";
   return text;
 }
 
-static void print_row(const show_run &run, const exception_table &table, const exception_row &row) {
-  printf("%-19s", show_time_text(run, row.number(EXCP_TIME)).c_str());
+void exception_table::print_row(const exception_record &row) const {
+  out->put(utc_text(row.utc_ms, false));
   for (size_t i = 0; i < std::size(name_cells); ++i)
-    printf("  %-*s", table.widths[i], cell_text(table.names, row, name_cells[i]).c_str());
-  printf("  %s\n", method_text(table.names, row).c_str());
+    out->put("  ").left(cell_text(row, name_cells[i]), widths[i]);
+  out->put("  ").put(method_text(names, row)).end_line();
 }
 
 // --- the rows -----------------------------------------------------------------------------------------------------
 
-// Null, or what is wrong.
-static const char *read_row(const show_lines &lines, std::string_view line, exception_row *row) {
-  if (!lines.whole)
-    return "it has no newline at its end";
-  if (show_split(line, ',', row->text, std::size(row->text)) != std::size(row->text))
-    return "the row has not 16 columns";
-  int64_t ignored = 0;
-  for (const std::string_view column : row->text)
-    if (!show_number(column, &ignored))
-      return "a column that should be a number is none, or has no room in 64 bits";
-  return nullptr;
-}
-
-int show_exceptions(const show_run &run, const show_choice &choice) {
-  exception_table table;
-  begin_table(run, &table);
-  const int width = show_instance_width(run, choice);
-  printf("%-14s  %-*s  %20s  ", "partition", width, "instance", "flowpath");
-  print_titles(table);
-  int result = 0;
-  show_each_instance(run, choice, [&](const std::string &partition, const std::string &instance) {
-    const std::string path = show_data_path(run, partition, instance, "TQExceptions.csv");
-    show_lines lines(path);
-    for (std::string_view line; lines.next(&line);) {
-      exception_row row;
-      if (const char *words = read_row(lines, line, &row)) {
-        show_tell_bad_row(path, lines, words);
-        result = 1;
-        continue;
-      }
-      printf("%-14s  %-*s  %20lld  ", partition.c_str(), width, show_printable(instance, 40).c_str(),
-             static_cast<long long>(row.number(EXCP_FPI)));
-      print_row(run, table, row);
-    }
+static void print_json(const name_table &names, const flowpath_place &place, const exception_record &row,
+                       show_out *out) {
+  wllb_json_writer json([out](std::string_view bytes) {
+    out->put(bytes);
     return true;
   });
-  return result;
+  const auto name = [&](const char *member, name_kind kind, int64_t id) {
+    json.member(member, std::string_view(names.show(kind, id)));
+  };
+  json.begin_object().member("partition", place.partition).member("instance", place.instance);
+  json.member("flowpath", std::to_string(row.fpi)).member("time", utc_text(row.utc_ms, false));
+  name("class", name_kind::exception_class, row.class_id);
+  name("throwing_class", name_kind::throwing_class, row.throwing_class_id);
+  name("throwing_method", name_kind::throwing_method, row.throwing_method_id);
+  json.member("line", row.line);
+  name("message", name_kind::message, row.message_id);
+  name("cause", name_kind::cause, row.cause_id);
+  name("stack", name_kind::stack_trace, row.stack_id);
+  if (row.method_id != -1)
+    name("method", name_kind::method, row.method_id);
+  json.end_object().finish();
+  out->end_line();
 }
 
-void show_exceptions_of(const show_run &run, const show_choice &choice, int64_t flowpath) {
-  exception_table table;
-  bool begun = false;
-  show_each_instance(run, choice, [&](const std::string &partition, const std::string &instance) {
-    show_lines lines(show_data_path(run, partition, instance, "TQExceptions.csv"));
-    for (std::string_view line; lines.next(&line);) {
-      exception_row row;
-      if (read_row(lines, line, &row) || row.number(EXCP_FPI) != flowpath)
-        continue;
-      if (!begun) { // most flowpaths have none: no names are read then
-        begun = true;
-        begin_table(run, &table);
-        printf("\nexceptions\n");
-        print_titles(table);
-      }
-      print_row(run, table, row);
-    }
+// Whether a row belongs to a flowpath that was asked for: what a question says of flowpaths is held against those alone.
+static bool asks_more_than_places(const question &asked) {
+  question rest = asked;
+  rest.partition.clear();
+  rest.instance.clear();
+  rest.tier.clear();
+  return !rest.url.empty() || rest.min_ms > 0 || !rest.status.empty() || rest.errors || !rest.tag.empty() ||
+         !rest.correlation.empty() || !rest.text.empty() || rest.asked_flowpath || !rest.from.empty() ||
+         !rest.to.empty();
+}
+
+int show_exceptions(const test_run &run, const show_options &options, show_out *out) {
+  show_question asked;
+  if (!asked.make(run, options.asked, show_exception_kinds))
+    return 1;
+  flowpath_reader reader(run);
+  std::unordered_set<int64_t> flowpaths;
+  const bool all = !asks_more_than_places(options.asked);
+  if (!all)
+    each_flowpath(&reader, &asked.which, show_fault, [&](const found_flowpath &found) {
+      flowpaths.insert(found.row.fpi);
+      return true;
+    });
+  exception_table table(asked.names, out);
+  size_t width = std::string_view("instance").size();
+  each_place(run, options.asked.partition, "", [&](const flowpath_place &place) {
+    width = std::max(width, asked.which.takes_place(place) ? std::min<size_t>(show_width(place.instance), 40) : 0);
     return true;
   });
+  int64_t count = 0, bad = 0;
+  if (!options.json && !options.count_only) {
+    out->left("partition", 14).put("  ").left("instance", width).put("  ").right("flowpath", 20).put("  ");
+    table.print_titles();
+  }
+  each_place(run, options.asked.partition, "", [&](const flowpath_place &place) {
+    if (!asked.which.takes_place(place))
+      return true;
+    row_file rows(run, row_path(place.partition, place.instance, "TQExceptions.csv"), table_of(table_id::exception));
+    while (rows.next() && (options.top == 0 || count < options.top)) {
+      const exception_record &row = rows.record.as<exception_record>();
+      if (rows.reason()) {
+        ++bad;
+        show_fault(rows.fault());
+        continue;
+      }
+      if (!all && !flowpaths.contains(row.fpi))
+        continue;
+      ++count;
+      if (options.count_only)
+        continue;
+      if (options.json) {
+        print_json(asked.names, place, row, out);
+        continue;
+      }
+      out->left(place.partition, 14).put("  ").left(printable(place.instance, 40), width).put("  ").right(row.fpi, 20);
+      out->put("  ");
+      table.print_row(row);
+    }
+    return !out->failed();
+  });
+  if (options.count_only)
+    out->put(options.json ? "{\"count\":" : "").number(count).put(options.json ? "}" : "").end_line();
+  return bad == 0 ? 0 : 1;
+}
+
+void show_exceptions_of(const name_table &names, const flowpath &whole, show_out *out) {
+  if (whole.exceptions.empty())
+    return;
+  const exception_table table(names, out);
+  out->put("\nexceptions").end_line();
+  table.print_titles();
+  for (const exception_record &row : whole.exceptions)
+    table.print_row(row);
 }

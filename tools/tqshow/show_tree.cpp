@@ -1,233 +1,284 @@
-// The call tree of a segment: methods under the methods that called them, callouts in the methods that were open.
-//   In      a rewritten blob in either form, and names
-//   Out     lines on standard output, in the order of the blob; the depth shows as indentation
+// The call tree for people: methods under the methods that called them, callouts in the methods that were open.
+//   In      a call tree, names
+//   Out     lines: when, how long, how long by itself, CPU, thread; the depth shows as guides
 //   Thread  one
-//   Failure an exit that closes nothing, and a token that is not understood, get lines of their own
+//   Failure an exit that ends nothing, and a piece that is not understood, have lines of their own
 #include "show_tree.h"
 
-#include "show_blob.h"
+#include "tqread_text.h"
 
 #include <algorithm>
-#include <unordered_map>
 
-constexpr size_t most_lines = 250000;
-constexpr int most_indent = 40; // levels
-constexpr size_t most_of_name = 200, most_of_token = 120;
+using namespace tqread;
 
-// --- the tree -----------------------------------------------------------------------------------------------------
+constexpr int most_guides = 40; // levels
+constexpr size_t most_of_name = 200, most_of_piece = 120;
+constexpr size_t number_width = 9, thread_width = 6;
 
-struct tree_line {
-  int depth;
-  bool is_open; // a method that has not ended
-  show_token token;
-  int64_t end_time; // of a method that has ended; -1: it has not
-  int64_t times[5];
-  bool is_forced;
-  int64_t caller; // of a method without instrumentation, where the form tells; -1: it does not
+struct tree_printer {
+  const name_table &names;
+  const call_tree &tree;
+  const show_tree_options &options;
+  show_out *out;
+  std::vector<bool> has_error = {}; // by node, when subtrees are folded
+
+  void print_front(const tree_node &node, std::string_view at, std::string_view wall, std::string_view self,
+                   std::string_view cpu) const;
+  void print_name(name_kind kind, int64_t id) const;
+  void print_method(const tree_node &node) const;
+  void print_callout(const tree_node &node) const;
+  void print_other(const tree_node &node) const;
+  void print_folded(const tree_node &first, int64_t methods, int64_t wall_ms) const;
+  void find_errors();
+  bool is_folded(const tree_node &node, int32_t index) const;
+  void print() const;
 };
 
-// Open methods, the newest last. Those that have ended stay in until they come to the top.
-using open_methods = std::vector<size_t>;
+// --- a line's front -------------------------------------------------------------------------------------------------
 
-struct call_tree {
-  std::vector<tree_line> lines;
-  size_t tokens_left_out = 0;
-  bool exit_form = false;
-  int64_t ended_last = -1; // method id
-  open_methods open;
-  std::unordered_map<int64_t, open_methods> open_of_thread;
-  std::unordered_map<int64_t, std::unordered_map<int64_t, open_methods>> open_of_method; // by thread, then method
+// A number as text, without memory of its own.
+struct number_text {
+  explicit number_text(int64_t value) {
+    char *at = digits + sizeof digits;
+    uint64_t rest = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+    do {
+      *--at = static_cast<char>('0' + rest % 10);
+    } while ((rest /= 10) != 0);
+    if (value < 0)
+      *--at = '-';
+    text = {at, static_cast<size_t>(digits + sizeof digits - at)};
+  }
+
+  number_text(const number_text &) = delete;
+  number_text &operator=(const number_text &) = delete;
+  char digits[24];
+  std::string_view text;
 };
 
-// The newest open method, or null.
-static tree_line *newest(call_tree *tree, open_methods *open) {
-  while (!open->empty() && !tree->lines[open->back()].is_open)
-    open->pop_back();
-  return open->empty() ? nullptr : &tree->lines[open->back()];
+void show_tree_heading(show_out *out) {
+  out->begin_colour(DIM).right("at ms", number_width).put(" ").right("wall ms", number_width).put(" ");
+  out->right("self ms", number_width).put(" ").right("cpu ms", number_width).put(" ");
+  out->right("thread", thread_width).put("  call").end_colour(DIM).end_line();
 }
 
-// The exit form's order is that of one thread. A negative thread of the classic form stands on entries as none.
-static int64_t thread_key(const call_tree &tree, const show_token &token) {
-  return tree.exit_form || !token.has_thread ? -1 : std::max<int64_t>(token.thread_id, -1);
-}
-
-static void add_line(call_tree *tree, const tree_line *parent, const show_token &token) {
-  tree->lines.push_back({parent ? parent->depth + 1 : 0,
-                         token.kind == TOKEN_ENTRY,
-                         token,
-                         -1,
-                         {},
-                         false,
-                         tree->exit_form ? tree->ended_last : -1});
-}
-
-static void add_entry(call_tree *tree, const show_token &token) {
-  const int64_t thread = thread_key(*tree, token);
-  open_methods &of_thread = tree->open_of_thread[thread];
-  add_line(tree, newest(tree, &of_thread), token);
-  const size_t index = tree->lines.size() - 1;
-  of_thread.push_back(index);
-  tree->open.push_back(index);
-  tree->open_of_method[thread][token.method_id].push_back(index);
-}
-
-// Ends the method that the token names; false when none is open.
-static bool end_method(call_tree *tree, const show_token &token) {
-  tree_line *const method = newest(tree, &tree->open_of_method[thread_key(*tree, token)][token.method_id]);
-  if (!method)
-    return false;
-  method->is_open = false;
-  method->end_time = token.time;
-  method->is_forced = token.is_forced;
-  tree->ended_last = token.method_id;
-  std::copy(token.times, token.times + 5, method->times);
-  return true;
-}
-
-static void add_token(call_tree *tree, const show_token &token) {
-  if (token.kind == TOKEN_EXIT && end_method(tree, token))
-    return;
-  if (tree->lines.size() >= most_lines)
-    ++tree->tokens_left_out;
-  else if (token.kind == TOKEN_ENTRY)
-    add_entry(tree, token);
+void tree_printer::print_front(const tree_node &node, std::string_view at, std::string_view wall, std::string_view self,
+                               std::string_view cpu) const {
+  out->right(at, number_width).put(" ").right(wall, number_width).put(" ").right(self, number_width).put(" ");
+  out->right(cpu, number_width).put(" ");
+  if (node.has_thread)
+    out->right(node.thread_id, thread_width).put("  ");
   else
-    add_line(tree, newest(tree, &tree->open), token);
+    out->right("-", thread_width).put("  ");
+  const int depth = node.depth + options.levels;
+  out->begin_colour(DIM);
+  for (int i = 0; i < std::min(depth, most_guides); ++i)
+    out->put(out->guide);
+  if (depth > most_guides)
+    out->put("(").number(depth).put(") ");
+  out->end_colour(DIM);
 }
 
-// --- its lines ----------------------------------------------------------------------------------------------------
-
-static std::string number_text(int64_t number) {
-  return std::to_string(number);
+void tree_printer::print_name(name_kind kind, int64_t id) const {
+  const std::string_view text = names.find(kind, id);
+  if (!text.data())
+    out->put("#").number(id);
+  else if (text.size() <= most_of_name)
+    out->put(text);
+  else
+    out->put_safe(text, most_of_name);
 }
 
-static void put_line(const tree_line &line, const std::string &at, const std::string &wall, const std::string &cpu,
-                     const std::string &words) {
-  const std::string thread = line.token.has_thread ? number_text(line.token.thread_id) : "-";
-  const int indent = 2 * std::min(line.depth, most_indent);
-  const std::string deeper = line.depth > most_indent ? "(" + number_text(line.depth) + ") " : "";
-  printf("%10s %10s %8s %12s  %*s%s%s\n", at.c_str(), wall.c_str(), cpu.c_str(), thread.c_str(), indent, "",
-         deeper.c_str(), words.c_str());
+// --- methods --------------------------------------------------------------------------------------------------------
+
+void tree_printer::print_method(const tree_node &node) const {
+  const number_text at(node.begin_ms), wall(node.wall_ms), self(node.self_ms), cpu(node.cpu_ms);
+  if (node.is_open)
+    print_front(node, at.text, "-", "-", "-");
+  else
+    print_front(node, at.text, wall.text, self.text, node.is_forced ? "-" : cpu.text);
+  print_name(name_kind::method, node.method_id);
+  if (node.is_async) {
+    out->put("  [asynchronous");
+    if (!node.text.empty())
+      out->put(", task ").put_safe(node.text, most_of_piece);
+    out->put("]");
+  }
+  const auto print_time = [this](const char *what, int64_t ms) {
+    if (ms != 0)
+      out->put(what).number(ms);
+  };
+  print_time("  wait ", node.wait_ms);
+  print_time("  sync ", node.sync_ms);
+  print_time("  io ", node.io_ms);
+  print_time("  suspended ", node.suspension_ms);
+  if (node.is_open)
+    out->put("  [not ended]");
+  if (node.is_forced)
+    out->put("  [ended by force]");
+  out->end_line();
 }
 
-// "  wait 3  sync 1", as far as there are such times.
-static std::string waits_text(const int64_t (&times)[5]) {
-  static constexpr const char *names[] = {"cpu", "wait", "sync", "io", "suspended"};
-  std::string text;
-  for (size_t i = 1; i < 5; ++i)
-    if (times[i] != 0)
-      text += std::string("  ") + names[i] + " " + number_text(times[i]);
-  return text;
+// "... 12 methods below 5 ms, 33 ms together"
+void tree_printer::print_folded(const tree_node &first, int64_t methods, int64_t wall_ms) const {
+  const number_text at(first.begin_ms), wall(wall_ms);
+  print_front(first, at.text, wall.text, "-", "-");
+  out->begin_colour(DIM).put("... ").number(methods).put(methods == 1 ? " method below " : " methods below ");
+  out->number(options.fold_ms).put(" ms folded").end_colour(DIM).end_line();
 }
 
-static std::string async_text(const show_token &token) {
-  if (!token.is_async)
-    return "";
-  return token.task_id.empty() ? "  [asynchronous]"
-                               : "  [asynchronous, task " + show_printable(token.task_id, most_of_token) + "]";
+// --- callouts -------------------------------------------------------------------------------------------------------
+
+static bool is_error(const tree_callout &callout) {
+  return callout.token.letter == 'E' || callout.token.letter == 'e' || callout.row.errors > 0 ||
+         callout.group.errors > 0 || number_or(callout.token.status, 0) >= 400;
 }
 
-static void put_method(const show_names &names, const tree_line &line) {
-  const show_token &token = line.token;
-  const std::string name = show_name(names, KIND_METHOD, token.method_id, most_of_name) + async_text(token);
-  if (line.is_open)
-    return put_line(line, number_text(token.time), "-", "-", name + "  [not ended]");
-  // As unsigned numbers: a damaged pair of times may be any distance apart.
-  const uint64_t wall = static_cast<uint64_t>(line.end_time) - static_cast<uint64_t>(token.time);
-  put_line(line, number_text(token.time), number_text(static_cast<int64_t>(wall)),
-           line.is_forced ? "-" : number_text(line.times[0]),
-           name + waits_text(line.times) + (line.is_forced ? "  [ended by force]" : ""));
+static bool is_group(const callout_token &token) {
+  return token.letter == 'G' || token.letter == 'C';
 }
 
-// --- callouts -----------------------------------------------------------------------------------------------------
-
-struct callout_word {
-  char letter;
-  const char *words;
-};
-
-static constexpr callout_word callout_words[] = {
-    {'T', "call"},        {'t', "thread call"},           {'x', "new segment"},
-    {'c', "callout (c)"}, {'g', "callout (g)"},           {'e', "error mark"},
-    {'E', "error"},       {'a', "asynchronous call"},     {'G', "grouped queries"},
-    {'C', "cache calls"}, {'A', "asynchronous response"},
-};
-
-static const char *words_of(char letter) {
-  for (const callout_word &row : callout_words)
-    if (row.letter == letter)
-      return row.words;
-  return "callout";
+// "5 calls, 1 to 9 ms, 20 ms in all, 1 error": what is given of it.
+static void print_group(const group_numbers &group, show_out *out) {
+  out->put(", ").number(group.count).put(group.count == 1 ? " call" : " calls");
+  if (group.longest_ms > 0)
+    out->put(", ").real(group.shortest_ms, 3).put(" to ").real(group.longest_ms, 3).put(" ms");
+  if (group.total_ms > 0)
+    out->put(", ").real(group.total_ms, 3).put(" ms in all");
+  if (group.errors != 0)
+    out->put(", ").number(group.errors).put(group.errors == 1 ? " error" : " errors");
 }
 
-static void add_detail(std::string *words, const char *name, std::string_view text) {
-  if (!text.empty())
-    *words += std::string(", ") + name + show_printable(text, most_of_name);
-}
-
-// ", queue:mail, type 2, ...": what is there of it.
-static std::string callout_details(const show_names &names, const show_token &token) {
-  std::string words = ": " + show_name(names, KIND_METHOD, token.backend_id, most_of_name);
-  add_detail(&words, "type ", token.backend_type);
-  add_detail(&words, "status ", token.status);
-  if (token.resource_id != 0)
-    words += ", resource " + show_name(names, KIND_RESOURCE, token.resource_id, most_of_name);
-  if (!token.net_request.empty() || !token.net_response.empty())
-    words +=
-        ", network " + show_printable(token.net_request, 20) + "/" + show_printable(token.net_response, 20) + " ms";
-  if (token.flowpath != 0)
-    words += ", flowpath " + number_text(token.flowpath);
-  add_detail(&words, "parameter ", token.parameter);
-  add_detail(&words, "values ", token.values);
-  if (token.letter == 'G' || (token.letter != 'C' && show_is_database_type(token.backend_type)))
-    words += ", sql \"" + show_name(names, KIND_SQL, token.sql_id, most_of_name) + "\"";
-  return words;
-}
-
-static void put_callout(const show_names &names, const tree_line &line) {
-  const show_token &token = line.token;
-  std::string words = std::string("* ") + words_of(token.letter);
+void tree_printer::print_callout(const tree_node &node) const {
+  const tree_callout &callout = tree.callouts[static_cast<size_t>(node.callout)];
+  const callout_token &token = callout.token;
+  const show_colour colour = is_error(callout) ? RED : CYAN;
+  print_front(node, token.start_ms.empty() ? "-" : printable(token.start_ms, number_width),
+              token.duration_ms.empty() ? "-" : printable(token.duration_ms, number_width), "-", "-");
+  out->begin_colour(colour).put("* ").put(words_of_callout(token.letter));
   if (!token.number.empty())
-    words += " " + show_printable(token.number, most_of_token);
-  if (!token.is_bare)
-    words += callout_details(names, token);
-  put_line(line, token.start.empty() ? "-" : show_printable(token.start, 10),
-           token.duration.empty() ? "-" : show_printable(token.duration, 10), "-", words);
+    out->put(" ").put_safe(token.number, most_of_piece);
+  const auto print_text = [this](const char *what, std::string_view text) {
+    if (!text.empty())
+      out->put(what).put_safe(text, most_of_name);
+  };
+  if (!token.is_bare) {
+    out->put(": ");
+    print_name(name_kind::method, token.backend_id);
+    const int64_t number = callout.group.type != 0 ? callout.group.type : number_or(token.backend_type, 0);
+    if (const backend_type type = backend_type_of(number); type.name)
+      out->put(", ").put(type.name);
+    else
+      print_text(", type ", token.backend_type);
+    if (is_group(token) && (callout.has_row || token.letter == 'G'))
+      print_group(callout.group, out);
+    print_text(", status ", token.status);
+    if (token.resource_id != 0) {
+      out->put(", resource ");
+      print_name(name_kind::resource, token.resource_id);
+    }
+    if (!token.net_request_ms.empty() || !token.net_response_ms.empty())
+      out->put(", network ").put_safe(token.net_request_ms, 20).put("/").put_safe(token.net_response_ms, 20).put(" ms");
+    if (token.flowpath != 0)
+      out->put(", flowpath ").number(token.flowpath);
+    print_text(", parameter ", token.parameter);
+    if (token.letter == 'G' || (token.letter != 'C' && is_database(token.backend_type))) {
+      out->put(", sql \"");
+      print_name(name_kind::query, token.query_id);
+      out->put("\"");
+    }
+  }
+  out->end_colour(colour).end_line();
+  if (options.after_callout)
+    options.after_callout(callout, node.depth + options.levels + 1);
 }
 
-// In the exit form such a method stands behind the end of the one that called it.
-static void put_uninstrumented(const show_names &names, const tree_line &line) {
-  const std::string caller =
-      line.caller < 0 ? "" : ", called by " + show_name(names, KIND_METHOD, line.caller, most_of_name);
-  put_line(line, "-", "-", "-",
-           show_name(names, KIND_METHOD, line.token.method_id, most_of_name) + "  [not instrumented" + caller + "]");
+// --- the rest -------------------------------------------------------------------------------------------------------
+
+// In the exit form a method without instrumentation stands after the end of the one that called it.
+void tree_printer::print_other(const tree_node &node) const {
+  const number_text end(node.end_ms), cpu(node.cpu_ms);
+  if (node.kind == node_kind::lone_exit) {
+    print_front(node, end.text, "-", "-", cpu.text);
+    print_name(name_kind::method, node.method_id);
+    out->put("  [end without a beginning]").end_line();
+    return;
+  }
+  print_front(node, "-", "-", "-", "-");
+  if (node.kind == node_kind::bad) {
+    out->put("? ").put_safe(node.text, most_of_piece).end_line();
+    return;
+  }
+  print_name(name_kind::method, node.method_id);
+  out->put("  [not instrumented");
+  if (node.caller_id >= 0) {
+    out->put(", called by ");
+    print_name(name_kind::method, node.caller_id);
+  }
+  out->put("]").end_line();
 }
 
-static void put_tree_line(const show_names &names, const tree_line &line) {
-  switch (line.token.kind) {
-  case TOKEN_ENTRY:
-    return put_method(names, line);
-  case TOKEN_CALLOUT:
-    return put_callout(names, line);
-  case TOKEN_EXIT:
-    return put_line(line, number_text(line.token.time), "-", number_text(line.token.times[0]),
-                    show_name(names, KIND_METHOD, line.token.method_id, most_of_name) + "  [end without a beginning]");
-  case TOKEN_UNINSTRUMENTED:
-    return put_uninstrumented(names, line);
-  case TOKEN_BAD:
-    return put_line(line, "-", "-", "-", "? " + show_printable(line.token.text, most_of_token));
+// --- folding --------------------------------------------------------------------------------------------------------
+
+// Which nodes have an error or a lasting callout in them: such ones are not folded.
+void tree_printer::find_errors() {
+  has_error.assign(tree.nodes.size(), false);
+  for (size_t i = tree.nodes.size(); i-- > 0;) { // children come after their parents
+    const tree_node &node = tree.nodes[i];
+    const bool own = node.kind == node_kind::callout
+                         ? is_error(tree.callouts[static_cast<size_t>(node.callout)]) || node.wall_ms >= options.fold_ms
+                         : node.kind == node_kind::bad || node.is_open;
+    has_error[i] = has_error[i] || own;
+    if (has_error[i] && node.parent != no_node)
+      has_error[static_cast<size_t>(node.parent)] = true;
   }
 }
 
-void show_print_tree(const show_names &names, std::string_view text) {
-  call_tree tree;
-  show_blob blob = show_begin_blob(text);
-  tree.exit_form = blob.exit_form;
-  for (show_token token; show_next_token(&blob, &token);)
-    add_token(&tree, token);
-  printf("%10s %10s %8s %12s  %s\n", "at ms", "wall ms", "cpu ms", "thread", "call");
-  for (const tree_line &line : tree.lines)
-    put_tree_line(names, line);
-  if (tree.tokens_left_out != 0)
-    printf("... and %zu more\n", tree.tokens_left_out);
+bool tree_printer::is_folded(const tree_node &node, int32_t index) const {
+  const bool has_time = node.kind == node_kind::method && !node.is_open;
+  return options.fold_ms > 0 && (has_time || node.kind == node_kind::uninstrumented) &&
+         node.wall_ms < options.fold_ms && !has_error[static_cast<size_t>(index)];
+}
+
+// Neighbours that are folded become one line.
+void tree_printer::print() const {
+  int32_t at = tree.first_root;
+  const auto node_at = [this](int32_t index) -> const tree_node & { return tree.nodes[static_cast<size_t>(index)]; };
+  while (at != no_node) {
+    const tree_node &node = node_at(at);
+    bool goes_down = node.first_child != no_node;
+    if (is_folded(node, at)) {
+      int64_t methods = 1, wall_ms = node.wall_ms;
+      while (node_at(at).next_sibling != no_node &&
+             is_folded(node_at(node_at(at).next_sibling), node_at(at).next_sibling)) {
+        at = node_at(at).next_sibling;
+        ++methods;
+        wall_ms += node_at(at).wall_ms;
+      }
+      print_folded(node, methods, wall_ms);
+      goes_down = false;
+    } else if (node.kind == node_kind::method) {
+      print_method(node);
+    } else if (node.kind == node_kind::callout) {
+      print_callout(node);
+    } else {
+      print_other(node);
+    }
+    if (goes_down) {
+      at = node.first_child;
+      continue;
+    }
+    while (at != no_node && node_at(at).next_sibling == no_node)
+      at = node_at(at).parent;
+    if (at != no_node)
+      at = node_at(at).next_sibling;
+  }
+}
+
+void show_print_tree(const name_table &names, const call_tree &tree, const show_tree_options &options, show_out *out) {
+  tree_printer printer = {names, tree, options, out};
+  if (options.fold_ms > 0)
+    printer.find_errors();
+  printer.print();
+  if (tree.left_out != 0)
+    out->put("... and ").number(static_cast<int64_t>(tree.left_out)).put(" more").end_line();
 }

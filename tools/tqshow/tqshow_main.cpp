@@ -1,137 +1,189 @@
-// tqshow: reads a test run as a loader would: lists flowpaths and exceptions, prints call trees, checks every reference.
+// tqshow: reads a test run: lists flowpaths, exceptions and sums, answers questions, prints call trees, checks all references.
 //   In      the command line; the files that the daemon has written, also while it runs
-//   Out     text on standard output
+//   Out     text or JSON lines on standard output
 //   Thread  one
-//   Failure exit status 1: a line on standard error for the command line, or what is wrong with the files, on standard output
+//   Failure exit status 1 and a line on standard error: a mistake in the command line or a question about what is not there;
+//           what is wrong with files is reported with its place
 #include "show_check.h"
-#include "show_exceptions.h"
 #include "show_flowpath.h"
+#include "show_list.h"
+
+#include "tqread_text.h"
 
 #include "wllb_alloc.h"
+#include "wllb_options.h"
 
-#include <climits>
 #include <cstdlib>
-#include <getopt.h>
+#include <cstring>
+#include <unistd.h>
 
-static const char usage_text[] =
-    "tqshow --dir WORKDIR --testrun N [options]\n"
-    "  lists the flowpaths of the test run WORKDIR/logs/TR<N>, a line each\n"
-    "\n"
-    "  --first            prints the first flowpath instead, with the call trees of its segments\n"
-    "  --flowpath FPI     prints this flowpath, below its call trees its exceptions\n"
-    "  --every            prints every flowpath so, without exceptions\n"
-    "  --exceptions       lists the exceptions instead, a line each\n"
-    "  --check            checks every reference between the files: exit status 0 and one line of totals, or\n"
-    "                     exit status 1 and what is wrong (texts that inflate to more than 1 GiB count as damaged)\n"
-    "  --partition P      looks at this partition only (YYYYMMDDHHMMSS)\n"
-    "  --instance NAME    looks at this instance only (Tier_Server_App)\n"
-    "  --help\n";
+static constexpr wllb_program program = {
+    .name = "tqshow",
+    .synopsis = "--dir DIR --testrun N [options]",
+    .about = "Lists the flowpaths of the test run DIR/logs/TR<N>, a line each, or answers another question about it.",
+    .notes = "Patterns: '*' stands for any text, '?' for one byte. Times are UTC: 2026-11-22,\n"
+             "'2026-11-22 10:00:05', 20261122100005, or @ and seconds since 1970.\n"
+             "What does not exist (a URL, an instance, a tier, a tag) is reported, exit status 1.\n"
+             "JSON lines have flowpath numbers as texts.\n"};
 
 struct command_line {
   std::string dir;
   int64_t testrun = -1;
-  bool check = false, one = false, exceptions = false;
-  show_choice choice;
+  bool check = false, exceptions = false;
+  int color = 0; // auto, always, never
+  show_options show;
 };
 
-static bool take_number(const char *name, const char *text, int64_t min, int64_t max, int64_t *value) {
-  if (show_number(text, value) && min <= *value && *value <= max)
-    return true;
-  fprintf(stderr, "--%s does not take '%s'\n", name, text);
+static std::string take_flowpath(const char *value, show_options *options) {
+  options->one = options->asked.asked_flowpath = true;
+  return tqread::number_or(value, INT64_MIN) == tqread::number_or(value, INT64_MAX)
+             ? (options->asked.flowpath = tqread::number_or(value, 0), "")
+             : "is not a flowpath number";
+}
+
+static std::vector<wllb_option> option_rows(command_line *line) {
+  show_options &show = line->show;
+  tqread::question &asked = show.asked;
+  return {
+      {.name = "dir", .value = "DIR", .help = "the working directory", .required = true, .text = &line->dir},
+      {.name = "testrun",
+       .value = "N",
+       .help = "the test run's number",
+       .default_text = "",
+       .required = true,
+       .number = &line->testrun},
+      {.help = "Which flowpaths:"},
+      {.name = "flowpath",
+       .value = "FPI",
+       .help = "this one, printed whole",
+       .take = [&show](const char *value) { return take_flowpath(value, &show); }},
+      {.name = "partition", .value = "P", .help = "in this partition (YYYYMMDDHHMMSS)", .text = &asked.partition},
+      {.name = "instance",
+       .value = "NAME",
+       .help = "of these instances (Tier_Server_App, a pattern)",
+       .text = &asked.instance},
+      {.name = "tier",
+       .value = "NAME",
+       .help = "of these tiers: the first part of the instance's name (a pattern), or the tier's number",
+       .text = &asked.tier},
+      {.name = "url", .value = "URL", .help = "of these transactions (a pattern)", .text = &asked.url},
+      {.name = "min-ms",
+       .value = "MS",
+       .help = "that took this long or longer",
+       .number = &asked.min_ms,
+       .max = INT64_MAX},
+      {.name = "status",
+       .value = "CODES",
+       .help = "with one of these status codes: 500, 5xx, 404,5xx",
+       .text = &asked.status},
+      {.name = "errors", .help = "only with errors, or a status of 400 and above", .flag = &asked.errors},
+      {.name = "tag",
+       .value = "NAME=VALUE",
+       .help = "with this tag, or with a tag of this name or value (patterns)",
+       .text = &asked.tag},
+      {.name = "correlation",
+       .value = "ID",
+       .help = "with this correlation id (a pattern)",
+       .text = &asked.correlation},
+      {.name = "from", .value = "TIME", .help = "that began then or later", .text = &asked.from},
+      {.name = "to", .value = "TIME", .help = "that began before then", .text = &asked.to},
+      {.name = "text",
+       .value = "TEXT",
+       .help = "with this text in one of their queries or exceptions, upper or lower case",
+       .text = &asked.text},
+      {.help = "What is printed of them:"},
+      {.name = "sort",
+       .value = "KEY",
+       .help = "sorted by start, ms, cpu, methods, callouts, errors, status or url; sums by one of their columns",
+       .text = &show.sort},
+      {.name = "top",
+       .value = "N",
+       .help = "the first N; without --sort the slowest flowpaths, or the largest sums",
+       .default_text = "",
+       .number = &show.top,
+       .max = INT64_MAX},
+      {.name = "count", .help = "how many there are", .flag = &show.count_only},
+      {.name = "by",
+       .value = "WHAT",
+       .help = "sums by transaction, method, query, backend or exception",
+       .default_text = "",
+       .words = "transaction|method|query|backend|exception",
+       .chosen = &show.by},
+      {.name = "exceptions", .help = "lists exceptions instead", .flag = &line->exceptions},
+      {.name = "json", .help = "one JSON object a line instead of columns", .flag = &show.json},
+      {.name = "follow", .help = "lists flowpaths as they arrive, until it is interrupted", .flag = &show.follow},
+      {.name = "first", .help = "prints the first one whole, with its call trees and exceptions", .flag = &show.first},
+      {.name = "every", .help = "prints every one whole, without exceptions", .flag = &show.every},
+      {.help = "Call trees:"},
+      {.name = "tiers", .help = "with the trees of called tiers in their places", .flag = &show.tiers},
+      {.name = "fold",
+       .value = "MS",
+       .help = "folds methods below this time, unless there is an error in them",
+       .default_text = "",
+       .number = &show.fold_ms,
+       .max = INT64_MAX},
+      {.name = "color",
+       .value = "WHEN",
+       .help = "colours: auto (on a terminal, unless NO_COLOR is set), always or never",
+       .words = "auto|always|never",
+       .chosen = &line->color},
+      {.help = "Proofs:"},
+      {.name = "check",
+       .help =
+           "checks every reference between the files: exit status 0 and one line of totals, or 1 and what is wrong (texts that inflate to more than 1 GiB count as damaged)",
+       .flag = &line->check},
+  };
+}
+
+// NOLINTBEGIN(concurrency-mt-unsafe): there is one thread
+static bool wants_colours(int color) {
+  const char *no_color = getenv("NO_COLOR"), *term = getenv("TERM");
+  const bool terminal = isatty(STDOUT_FILENO) && !(no_color && *no_color) && term && strcmp(term, "dumb") != 0;
+  return color == 1 || (color == 0 && terminal);
+}
+
+static bool locale_is_utf8() {
+  for (const char *name : {"LC_ALL", "LC_CTYPE", "LANG"})
+    if (const char *value = getenv(name); value && *value)
+      return strstr(value, "UTF-8") || strstr(value, "utf8");
   return false;
 }
 
-enum option_id {
-  OPT_DIR = 1,
-  OPT_TESTRUN,
-  OPT_PARTITION,
-  OPT_INSTANCE,
-  OPT_FIRST,
-  OPT_FLOWPATH,
-  OPT_EVERY,
-  OPT_EXCEPTIONS,
-  OPT_CHECK,
-  OPT_HELP
-};
+// NOLINTEND(concurrency-mt-unsafe)
 
-static constexpr option options[] = {
-    // clang-format off
-  {"dir",        required_argument, nullptr, OPT_DIR},
-  {"testrun",    required_argument, nullptr, OPT_TESTRUN},
-  {"partition",  required_argument, nullptr, OPT_PARTITION},
-  {"instance",   required_argument, nullptr, OPT_INSTANCE},
-  {"first",      no_argument,       nullptr, OPT_FIRST},
-  {"flowpath",   required_argument, nullptr, OPT_FLOWPATH},
-  {"every",      no_argument,       nullptr, OPT_EVERY},
-  {"exceptions", no_argument,       nullptr, OPT_EXCEPTIONS},
-  {"check",      no_argument,       nullptr, OPT_CHECK},
-  {"help",       no_argument,       nullptr, OPT_HELP},
-  {},
-}; // clang-format on
-
-static bool take_option(command_line &line, int id) {
-  switch (id) {
-  case OPT_DIR:
-    line.dir = optarg;
-    return true;
-  case OPT_TESTRUN:
-    return take_number("testrun", optarg, 0, INT_MAX, &line.testrun);
-  case OPT_PARTITION:
-    line.choice.partition = optarg;
-    return true;
-  case OPT_INSTANCE:
-    line.choice.instance = optarg;
-    return true;
-  case OPT_FIRST:
-    line.one = line.choice.first = true;
-    return true;
-  case OPT_FLOWPATH:
-    line.one = true;
-    return take_number("flowpath", optarg, INT64_MIN, INT64_MAX, &line.choice.flowpath);
-  case OPT_EVERY:
-    line.one = line.choice.every = true;
-    return true;
-  case OPT_EXCEPTIONS:
-    line.exceptions = true;
-    return true;
-  case OPT_CHECK:
-    line.check = true;
-    return true;
-  case OPT_HELP:
-    fputs(usage_text, stdout);
-    wllb_exit(0);
-  default:
-    return false; // getopt_long has said why
-  }
-}
-
-static bool read_command_line(command_line &line, int argc, char **argv) {
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
-  for (int id = 0; (id = getopt_long(argc, argv, "", options, nullptr)) != -1;)
-    if (!take_option(line, id))
-      return false;
-  if (optind < argc)
-    fprintf(stderr, "Nothing is known of '%s'\n", argv[optind]);
-  else if (line.dir.empty() || line.testrun < 0)
-    fputs("--dir and --testrun are needed; --help tells more\n", stderr);
-  else
-    return true;
-  return false;
+static int show(const tqread::test_run &run, const command_line &line, show_out *out) {
+  const show_options &options = line.show;
+  if (line.check)
+    return show_check(run, options, out);
+  if (line.exceptions)
+    return show_exceptions(run, options, out);
+  if (options.by >= 0)
+    return show_sums(run, options, out);
+  if (options.count_only)
+    return show_count(run, options, out);
+  if (options.follow)
+    return show_follow(run, options, out);
+  return options.one || options.first || options.every ? show_flowpaths(run, options, out)
+                                                       : show_list(run, options, out);
 }
 
 int main(int argc, char **argv) {
   wllb_install_new_handler();
   command_line line;
-  if (!read_command_line(line, argc, argv))
-    return 1;
-  show_run run;
-  if (!show_find_run(line.dir, static_cast<int>(line.testrun), &run)) {
-    fprintf(stderr, "There is no test run in %s\n", run.base.c_str());
+  line.show.by = -1;
+  if (const std::optional<int> status = wllb_read_options(program, option_rows(&line), argc, argv))
+    return *status;
+  if (const std::string words = show_check_sort(line.show); !words.empty())
+    return wllb_report_mistake(program, words);
+  tqread::test_run run;
+  if (const tqread::error error = tqread::open_run(line.dir, static_cast<int>(line.testrun), &run)) {
+    show_fault(error);
     return 1;
   }
-  if (line.check)
-    return show_check(run, line.choice);
-  if (line.one)
-    return show_one(run, line.choice);
-  return line.exceptions ? show_exceptions(run, line.choice) : show_list(run, line.choice);
+  show_out out;
+  out.colours = wants_colours(line.color);
+  out.guide = locale_is_utf8() ? "\u2502 " : "| ";
+  const int status = show(run, line, &out);
+  out.flush();
+  return out.failed() ? 1 : status;
 }
