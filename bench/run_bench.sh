@@ -2,13 +2,13 @@
 # Measures tqp against tools that do far less with the same file, in the same run and on the same machine.
 #   run_bench.sh BUILD_DIR [MB] [SCENARIO...]
 # Builds nothing: wants BUILD_DIR/bin/tqp, tq_sample, tqp_measure, tqp_floor. MB: megabytes of raw data (100).
-# Scenarios: discovery (the default), skipped, flowpaths, in_flight, restart; all: every one. README.md tells what each shows.
+# Scenarios: discovery (the default), skipped, flowpaths, in_flight, restart, sums; all: every one. README.md tells what each shows.
 # Each one is a function bench_<name> at the end of this file.
 # Speeds are per CPU second (user and system); of three runs the middle one counts.
 # TQP_BENCH_KEYWORDS: more lines of the keyword file for flowpaths and in_flight, parted by semicolons.
 set -eu
 export LC_ALL=C
-scenarios='discovery skipped flowpaths in_flight restart'
+scenarios='discovery skipped flowpaths in_flight restart sums'
 
 if [ $# -lt 1 ]; then
   sed -n '3,5s/^# *//p' "$0"
@@ -352,6 +352,38 @@ bench_in_flight() {
   fi
   for form in classic exit; do in_flight_form "$form"; done
   mb=$asked_mb
+}
+
+# Sums by method: tqshow over the binary timing rows, mawk over the same rows as text.
+bench_sums() {
+  [ -n "$tqp" ] && [ -n "$mawk" ] || return 0
+  sums_keywords=$flowpath_keywords
+  for form in binary text; do
+    [ "$form" = binary ] || sums_keywords="$sums_keywords;TQP_BINARY_FORMAT_FOR_METHOD_TIMING 0"
+    generate "sums_$form" --mix all --flowpath-methods 100 --keywords "$sums_keywords"
+    "$bin/tqp" -t 1 -W "$top/sums_$form" -m 0 >/dev/null
+  done
+  timing=$(find sums_text -name TQMethodTiming.csv)
+  cat "$timing" "$(find sums_binary -name '*_MethodTiming.dat')" >/dev/null
+  rm -f ./*.runs
+  for run in $runs; do
+    measure mawk mawk -F, '{ self[$1] += $5; cpu[$1] += $6; calls[$1] += $7; wall[$1] += $12 }
+      END { for (m in self) { s += self[m]; n += calls[m] } print s, n }' "$timing"
+    measure tqshow "$bin/tqshow" --dir sums_binary --testrun 1 --by method --json
+  done
+  sums_agree "$timing"
+  file=$timing
+  rows mawk tqshow
+  bar 'sums by method: mawk CPU / tqshow CPU' "$(ratio "$(middle_cpu mawk)" "$(middle_cpu tqshow)")" least 5
+}
+
+# Both have added up the same rows.
+sums_agree() {
+  by_mawk=$(mawk -F, '{ s += $5; n += $7 } END { printf "%d %d", s, n }' "$1")
+  by_tqshow=$("$bin/tqshow" --dir sums_binary --testrun 1 --by method --json |
+    mawk '{ match($0, /"self":[0-9]+/); s += substr($0, RSTART + 7, RLENGTH - 7)
+            match($0, /"calls":[0-9]+/); n += substr($0, RSTART + 8, RLENGTH - 8) } END { printf "%d %d", s, n }')
+  [ "$by_mawk" = "$by_tqshow" ] || { echo "sums differ: mawk $by_mawk, tqshow $by_tqshow" >&2; exit 1; }
 }
 
 # How long a restart with a full set of metadata takes on one core: to its end, which comes at once without a parent.

@@ -5,6 +5,7 @@
 //   Failure exit status 1 and a line on standard error: a mistake in the command line or a question about what is not there;
 //           what is wrong with files is reported with its place
 #include "show_check.h"
+#include "show_export.h"
 #include "show_flowpath.h"
 #include "show_list.h"
 
@@ -32,6 +33,7 @@ struct command_line {
   bool check = false, exceptions = false;
   int color = 0; // auto, always, never
   show_options show;
+  show_export_options exported;
 };
 
 static std::string take_flowpath(const char *value, show_options *options) {
@@ -114,6 +116,31 @@ static std::vector<wllb_option> option_rows(command_line *line) {
       {.name = "follow", .help = "lists flowpaths as they arrive, until it is interrupted", .flag = &show.follow},
       {.name = "first", .help = "prints the first one whole, with its call trees and exceptions", .flag = &show.first},
       {.name = "every", .help = "prints every one whole, without exceptions", .flag = &show.every},
+      {.help = "Exports (docs/exports.md):"},
+      {.name = "export",
+       .value = "FORMAT",
+       .help = "writes what is found for other programs: chrome, speedscope, folded, otlp or html (one flowpath)",
+       .default_text = "",
+       .words = "chrome|speedscope|folded|otlp|html",
+       .chosen = &line->exported.format},
+      {.name = "output",
+       .value = "FILE",
+       .help = "to this file instead of standard output",
+       .text = &line->exported.output},
+      {.name = "weight",
+       .value = "WHAT",
+       .help = "of folded stacks: self, wall, cpu or calls",
+       .words = "self|wall|cpu|calls",
+       .chosen = &line->exported.weight},
+      {.name = "push", .value = "URL", .help = "sends it to this OTLP/HTTP endpoint", .text = &line->exported.push_url},
+      {.name = "push-header",
+       .value = "HEADER",
+       .help = "sent with each request: 'Name: value'; may be repeated",
+       .take =
+           [line](const char *value) {
+             line->exported.push_headers.emplace_back(value);
+             return std::string();
+           }},
       {.help = "Call trees:"},
       {.name = "tiers", .help = "with the trees of called tiers in their places", .flag = &show.tiers},
       {.name = "fold",
@@ -155,6 +182,8 @@ static int show(const tqread::test_run &run, const command_line &line, show_out 
   const show_options &options = line.show;
   if (line.check)
     return show_check(run, options, out);
+  if (line.exported.wanted())
+    return show_export(run, options, line.exported);
   if (line.exceptions)
     return show_exceptions(run, options, out);
   if (options.by >= 0)
@@ -174,6 +203,8 @@ int main(int argc, char **argv) {
   if (const std::optional<int> status = wllb_read_options(program, option_rows(&line), argc, argv))
     return *status;
   if (const std::string words = show_check_sort(line.show); !words.empty())
+    return wllb_report_mistake(program, words);
+  if (const std::string words = show_check_export(line.show, line.exported); !words.empty())
     return wllb_report_mistake(program, words);
   tqread::test_run run;
   if (const tqread::error error = tqread::open_run(line.dir, static_cast<int>(line.testrun), &run)) {
