@@ -2,13 +2,13 @@
 # Measures tqp against tools that do far less with the same file, in the same run and on the same machine.
 #   run_bench.sh BUILD_DIR [MB] [SCENARIO...]
 # Builds nothing: wants BUILD_DIR/bin/tqp, tq_sample, tqp_measure, tqp_floor. MB: megabytes of raw data (100).
-# Scenarios: discovery (the default), skipped, flowpaths, in_flight, restart, sums; all: every one. README.md tells what each shows.
+# Scenarios: discovery (the default), skipped, flowpaths, in_flight, restart, sums, exports; all: every one. README.md tells what each shows.
 # Each one is a function bench_<name> at the end of this file.
 # Speeds are per CPU second (user and system); of three runs the middle one counts.
 # TQP_BENCH_KEYWORDS: more lines of the keyword file for flowpaths and in_flight, parted by semicolons.
 set -eu
 export LC_ALL=C
-scenarios='discovery skipped flowpaths in_flight restart sums'
+scenarios='discovery skipped flowpaths in_flight restart sums exports'
 
 if [ $# -lt 1 ]; then
   sed -n '3,5s/^# *//p' "$0"
@@ -384,6 +384,26 @@ sums_agree() {
     mawk '{ match($0, /"self":[0-9]+/); s += substr($0, RSTART + 7, RLENGTH - 7)
             match($0, /"calls":[0-9]+/); n += substr($0, RSTART + 8, RLENGTH - 8) } END { printf "%d %d", s, n }')
   [ "$by_mawk" = "$by_tqshow" ] || { echo "sums differ: mawk $by_mawk, tqshow $by_tqshow" >&2; exit 1; }
+}
+
+# A whole test run in each format: how fast, and that memory stays what it is however long the run was.
+bench_exports() {
+  [ -n "$tqp" ] || return 0
+  generate exported --mix all --flowpath-methods 100 --keywords "$flowpath_keywords"
+  "$bin/tqp" -t 1 -W "$top/exported" -m 0 >/dev/null
+  rm -f ./*.runs
+  for run in $runs; do
+    for format in chrome speedscope folded otlp; do
+      measure "$format" "$bin/tqshow" --dir exported --testrun 1 --export "$format" --output "$top/out"
+      wc -c <"$top/out" >"$format.bytes"
+    done
+  done
+  rm -f "$top/out"
+  rows chrome speedscope folded otlp
+  for format in chrome speedscope folded otlp; do
+    printf '%-12s %10d bytes written\n' "$format" "$(cat "$format.bytes")"
+    bar "export to $format: peak" "$(peak_mb "$format")" most 80 ' MB'
+  done
 }
 
 # How long a restart with a full set of metadata takes on one core: to its end, which comes at once without a parent.

@@ -153,6 +153,8 @@ std::string show_check_export(const show_options &options, const show_export_opt
     return "--export and --push do not go together";
   if (options.follow || options.by >= 0 || options.count_only || options.json)
     return "an export is not a list: --follow, --by, --count and --json do not go with it";
+  if (options.tiers || options.fold_ms > 0)
+    return "--tiers and --fold are for printed call trees, not for exports";
   if (!options.sort.empty())
     return "an export is in the order of the files: --sort does not go with it";
   return "";
