@@ -94,14 +94,31 @@ static bool inflate_all(z_stream &z, size_t limit, std::string *out) {
   return result == Z_STREAM_END && z.avail_in == 0 && done <= limit;
 }
 
-int wllb_decomp_do(const char *data, size_t length, size_t limit, std::string *out) {
-  out->clear();
+// The calling thread's stream for inflating, kept as the ones above: setting one up costs more than a short member.
+struct kept_inflate {
+  bool ready = false;
   z_stream z = {};
-  if (length > UINT_MAX || inflateInit2(&z, any_wrapper_window_bits) != Z_OK)
+
+  kept_inflate() = default;
+
+  ~kept_inflate() {
+    if (ready)
+      inflateEnd(&z);
+  }
+
+  kept_inflate(const kept_inflate &) = delete;
+  kept_inflate &operator=(const kept_inflate &) = delete;
+};
+
+int wllb_decomp_do(const char *data, size_t length, size_t limit, std::string *out) {
+  thread_local kept_inflate kept;
+  out->clear();
+  if (length > UINT_MAX)
     return -1;
-  z.next_in = const_cast<Bytef *>(reinterpret_cast<const Bytef *>(data)); // NOLINT: read only
-  z.avail_in = static_cast<uInt>(length);
-  const bool whole = inflate_all(z, std::min(limit, out->max_size() - 1), out);
-  inflateEnd(&z);
-  return whole ? 0 : -1;
+  if (kept.ready ? inflateReset(&kept.z) != Z_OK : inflateInit2(&kept.z, any_wrapper_window_bits) != Z_OK)
+    return -1;
+  kept.ready = true;
+  kept.z.next_in = const_cast<Bytef *>(reinterpret_cast<const Bytef *>(data)); // NOLINT: read only
+  kept.z.avail_in = static_cast<uInt>(length);
+  return inflate_all(kept.z, std::min(limit, out->max_size() - 1), out) ? 0 : -1;
 }
