@@ -115,8 +115,8 @@ take_result journal_driver::commit(const load_positions &changed) {
   for (const auto &[name, p] : changed) {
     if (p.taken < 0)
       continue;
-    const bool renamed = std::any_of(changed.begin(), changed.end(), [&](const auto &other) {
-      return other.second.taken < 0 && other.second.inode == p.inode;
+    const bool renamed = std::any_of(changed.begin(), changed.end(), [inode = p.inode](const auto &other) {
+      return other.second.taken < 0 && other.second.inode == inode;
     });
     const load_position before = renamed ? p : reached[name];
     const int64_t partition = strtoll(name.c_str(), nullptr, 10); // 0: common files

@@ -172,47 +172,50 @@ row_place row_mapper::next_place(table_id table, int64_t byte) {
   return {piece_.file, same ? places.back().part + 1 : 0, byte};
 }
 
+template <class Value> static Value member(const any_record &record, size_t offset) {
+  Value value;
+  memcpy(&value, record.bytes + offset, sizeof(Value));
+  return value;
+}
+
+// False: a number that does not fit into its column.
+bool row_mapper::put_field(const field &f, const any_record &record, row_batch *rows) {
+  switch (f.from) {
+  case source_integer: {
+    const auto number = member<int64_t>(record, f.offset);
+    rows->integer(number);
+    return f.least <= number && number <= f.most;
+  }
+  case source_real:
+    rows->real(member<double>(record, f.offset));
+    break;
+  case source_text:
+    put_text(rows, member<std::string_view>(record, f.offset));
+    break;
+  case source_constant:
+    rows->integer(f.constant);
+    break;
+  case source_none:
+    if (is_text(f.type))
+      rows->text("");
+    else
+      rows->integer(0);
+    break;
+  }
+  return true;
+}
+
 // Columns without a counterpart are 0 or empty; the caller puts them afterwards. False, with *reason: a number that does not
 // fit; nothing has been put.
 bool row_mapper::put(const plan &p, const any_record &record, row_place place, std::string *reason) {
   row_batch &rows = batches[p.target];
   rows.row(place);
   for (const field &f : p.fields) {
-    const char *at = record.bytes + f.offset;
-    switch (f.from) {
-    case source_integer: {
-      int64_t number;
-      memcpy(&number, at, sizeof number);
-      if (number < f.least || number > f.most) {
-        rows.drop_row();
-        *reason = std::string("its ") + f.name + " does not fit into 32 bits";
-        return false;
-      }
-      rows.integer(number);
-      break;
-    }
-    case source_real: {
-      double number;
-      memcpy(&number, at, sizeof number);
-      rows.real(number);
-      break;
-    }
-    case source_text: {
-      std::string_view text;
-      memcpy(&text, at, sizeof text);
-      put_text(&rows, text);
-      break;
-    }
-    case source_constant:
-      rows.integer(f.constant);
-      break;
-    case source_none:
-      if (is_text(f.type))
-        rows.text("");
-      else
-        rows.integer(0);
-      break;
-    }
+    if (put_field(f, record, &rows))
+      continue;
+    rows.drop_row();
+    *reason = std::string("its ").append(f.name).append(" does not fit into 32 bits");
+    return false;
   }
   return true;
 }
@@ -290,7 +293,7 @@ void row_mapper::sum_row(const tqread::table &of, const any_record &record) {
   }
 }
 
-mapped_counts row_mapper::take(const mapped_piece &piece, std::string_view bytes) {
+mapped_counts row_mapper::take(const mapped_piece &piece, std::string_view rows) {
   piece_ = piece;
   counts_ = {};
   const tqread::table *source = tqread::table_of_file(wllb_base_name(std::string(piece.path).c_str()));
@@ -298,19 +301,19 @@ mapped_counts row_mapper::take(const mapped_piece &piece, std::string_view bytes
   if (!p)
     return counts_;
   std::string reason;
-  for (tqread::row_cursor rows(*source, piece.path.ends_with(".dat"), bytes, piece.from, run_.epoch_diff_s);
-       rows.next();) {
+  for (tqread::row_cursor cursor(*source, piece.path.ends_with(".dat"), rows, piece.from, run_.epoch_diff_s);
+       cursor.next();) {
     ++counts_.rows;
     mended_row_ = false;
-    const int64_t number = piece.rows_before + rows.number();
-    reason = rows.reason() ? rows.reason() : "";
-    if (!rows.reason() && put(*p, rows.record, next_place(p->target, rows.at_byte()), &reason)) {
+    const int64_t number = piece.rows_before + cursor.number();
+    reason = cursor.reason() ? cursor.reason() : "";
+    if (!cursor.reason() && put(*p, cursor.record, next_place(p->target, cursor.at_byte()), &reason)) {
       if (source->id == source_id::flowpath)
-        put_flowpath(rows.record, rows.at_byte(), number);
+        put_flowpath(cursor.record, cursor.at_byte(), number);
       else
-        sum_row(*source, rows.record);
+        sum_row(*source, cursor.record);
     } else {
-      reject(rows.at_byte(), number, reason);
+      reject(cursor.at_byte(), number, reason);
       ++counts_.rejected;
     }
     counts_.mended += mended_row_ ? 1 : 0;

@@ -67,6 +67,7 @@ private:
   struct plan;
   struct texts;
 
+  bool put_field(const field &f, const tqread::any_record &record, row_batch *rows);
   bool put(const plan &p, const tqread::any_record &record, row_place place, std::string *reason);
   void reject(int64_t byte, int64_t number, std::string_view reason);
   void put_text(row_batch *rows, std::string_view text);

@@ -2,8 +2,9 @@
 // loader copies it from there; the loader's own columns say in their text what they are.
 #include "tqdb_schema.h"
 
+#include "wllb_util.h"
+
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 
 namespace tqdb {
@@ -554,30 +555,31 @@ std::span<const int32_t> duration_bounds() {
 
 std::string sum_of_histogram() {
   std::string text;
-  for (const int32_t bound : bounds) {
-    const std::string name = "le_" + std::to_string(bound);
-    text += (text.empty() ? "sum(" : ", sum(") + name + ") AS " + name;
-  }
+  for (const int32_t bound : bounds)
+    text += wllb_format("%ssum(le_%d) AS le_%d", text.empty() ? "" : ", ", bound, bound);
   return text;
 }
 
 // Inside a step, durations are taken as spread evenly; the last one that is reached ends at the longest duration.
 std::string percentile_sql(double level, std::string_view count_column, std::string_view longest_column) {
-  char factor[32];
-  snprintf(factor, sizeof factor, "%g", level);
-  const std::string count(count_column), longest(longest_column), rank = std::string(factor) + " * " + count;
-  std::string text = "CASE WHEN " + count + " = 0 THEN 0.0";
-  std::string below = "0", from = "0";
-  for (const int32_t bound : bounds) {
-    const std::string to = std::to_string(bound), upto = "le_" + to;
-    const std::string end = "(CASE WHEN " + longest + " < " + to + " THEN " + longest + " ELSE " + to + " END)";
-    text += " WHEN " + upto + " >= " + rank + " THEN " + from + " + (" + end + " - " + from + ") * 1.0 * (" + rank +
-            " - " + below + ") / (" + upto + " - " + below + ")";
+  const std::string count(count_column), longest(longest_column);
+  const std::string rank = wllb_format("%g * %s", level, count.c_str());
+  std::string text = wllb_format("CASE WHEN %s = 0 THEN 0.0", count.c_str());
+  std::string below = "0";
+  int32_t from = 0;
+  const auto between = [&](const std::string &end, const std::string &upto) {
+    return wllb_format("%d + (%s - %d) * 1.0 * (%s - %s) / (%s - %s)", from, end.c_str(), from, rank.c_str(),
+                       below.c_str(), upto.c_str(), below.c_str());
+  };
+  for (const int32_t to : bounds) {
+    const std::string upto = wllb_format("le_%d", to);
+    const std::string end =
+        wllb_format("(CASE WHEN %s < %d THEN %s ELSE %d END)", longest.c_str(), to, longest.c_str(), to);
+    text.append(" WHEN ").append(upto).append(" >= ").append(rank).append(" THEN ").append(between(end, upto));
     below = upto;
     from = to;
   }
-  return text + " ELSE " + from + " + (" + longest + " - " + from + ") * 1.0 * (" + rank + " - " + below + ") / (" +
-         count + " - " + below + ") END";
+  return text.append(" ELSE ").append(between(longest, count)).append(" END");
 }
 
 } // namespace tqdb

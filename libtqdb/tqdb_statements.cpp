@@ -36,7 +36,8 @@ std::string create_index_sql(const table &t, const table_index &index) {
 }
 
 static std::string merged(const table &t, const column &c, std::string_view least, std::string_view greatest) {
-  const std::string here = std::string(t.name) + "." + c.name, there = std::string("excluded.") + c.name;
+  const std::string here = std::string(t.name) + "." + c.name;
+  std::string there = std::string("excluded.") + c.name;
   switch (c.role) {
   case TQDB_ADD:
     return here + " + " + there;

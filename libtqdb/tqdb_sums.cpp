@@ -11,7 +11,7 @@ int64_t microseconds(double ms) {
   return std::isnan(us) ? 0 : std::llround(std::clamp(us, -most, most));
 }
 
-sum_table::sum_table(table_id id) : table_(id), keys_(0), width_(table_of(id).columns.size()), slots_(1024) {
+sum_table::sum_table(table_id id) : keys_(0), width_(table_of(id).columns.size()), slots_(1024) {
   for (const column &c : table_of(id).columns) {
     if (c.role == TQDB_KEY)
       ++keys_;

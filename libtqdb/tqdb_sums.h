@@ -38,7 +38,6 @@ struct sum_table {
 
 private:
   void grow();
-  table_id table_;
   size_t keys_, width_; // of an entry: its key columns, all its columns
   std::vector<int64_t> entries_, fresh_;
   std::vector<uint32_t> slots_; // 1 + number of an entry; 0: free

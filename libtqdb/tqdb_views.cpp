@@ -158,11 +158,11 @@ std::string view_sql(const view &v, engine kind) {
   for (const name_of &name : v.names) {
     const std::string as = "n" + std::to_string(++number);
     if (number == 1 || nested)
-      source += " AS f" + std::to_string(number);
-    source += std::string(nested ? " ANY LEFT JOIN " : " LEFT JOIN ") + name.from + " AS " + as +
-              " USING (testrun, node, " + name.key + ")";
+      source.append(" AS f").append(std::to_string(number));
+    source.append(nested ? " ANY LEFT JOIN " : " LEFT JOIN ").append(name.from).append(" AS ").append(as);
+    source.append(" USING (testrun, node, ").append(name.key).append(")");
     if (nested && number < static_cast<int>(v.names.size()))
-      source = "(SELECT * FROM " + source + ")";
+      source.insert(0, "(SELECT * FROM ").append(")");
   }
   if (v.names.empty())
     source += " AS f1";
