@@ -232,7 +232,7 @@ TEST_F(wllb_pid_file, both_files_are_written_and_the_first_is_given_to_the_owner
 
 TEST_F(wllb_pid_file, only_a_live_process_of_this_ones_executable_and_name_is_killed) {
   // Another executable under this one's names; this one under another name; this one.
-  for (const std::string name : {own_name.c_str(), (own_name + "_old").c_str(), "x", ""}) {
+  for (const std::string &name : {own_name, own_name + "_old", std::string("x"), std::string()}) {
     const int ended_by = name.empty() ? SIGKILL : SIGTERM;
     const pid_t child = name.size() > 1 ? start_sleep_as(name) : fork_idle(false, name[0]);
     put_file(path, std::to_string(child) + "\n");
