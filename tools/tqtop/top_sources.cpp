@@ -5,6 +5,9 @@
 //   Failure what does not come is missing from the result; nothing waits longer than two seconds
 #include "top_sources.h"
 
+#include "tqread_rows.h"
+#include "tqread_run.h"
+
 #include "wllb_util.h"
 
 #include <algorithm>
@@ -90,23 +93,14 @@ std::string top_raw_file(const top_run &run, const std::string &partition, const
 }
 
 std::string top_flowpath_file(const top_run &run, const std::string &partition, const std::string &name) {
-  return run.base + "/" + partition + "/tq/csv/" + name + "/TQFlowPath.csv";
+  return run.base + "/" + tqread::row_path(partition, name, tqread::table_of(tqread::table_id::flowpath).file);
 }
 
 int64_t top_count_lines(const std::string &path, int64_t from, int64_t to) {
-  const wllb_file file(wllb_is_regular_file(path.c_str()) ? fopen(path.c_str(), "re") : nullptr);
-  if (!file || fseek(file.get(), from, SEEK_SET) != 0)
-    return 0;
-  int64_t lines = 0;
-  char block[65536];
-  for (int64_t left = to - from; left > 0;) {
-    const size_t got = fread(block, 1, static_cast<size_t>(std::min<int64_t>(left, sizeof block)), file.get());
-    if (got == 0)
-      break;
-    lines += std::count(block, block + got, '\n');
-    left -= static_cast<int64_t>(got);
+  tqread::line_file lines(path, from, to);
+  for (std::string_view line; lines.next(&line);) {
   }
-  return lines;
+  return lines.number();
 }
 
 // --- samples -----------------------------------------------------------------------------------------------------
