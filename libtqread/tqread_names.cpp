@@ -25,7 +25,7 @@ static constexpr char no_text[] = ""; // what an empty name points at: it is the
 std::string_view name_table::keep(std::string_view text) {
   constexpr size_t block = size_t{64} * 1024;
   if (text.empty())
-    return {no_text, 0};
+    return std::string_view(no_text);
   if (block_left_ < text.size()) {
     block_left_ = std::max(block, text.size());
     blocks_.push_back(std::make_unique_for_overwrite<char[]>(block_left_));

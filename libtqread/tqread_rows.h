@@ -23,7 +23,7 @@ constexpr size_t method_timing_record_bytes = 144; // of one binary row
 
 // Reads one line without its newline. Null, or what is wrong with it: a constant text. *record is then half filled.
 // The record's texts are views into `line`.
-const char *read_row(const table &table, std::string_view line, int64_t epoch_diff_s, any_record *record);
+const char *read_row(const table &of, std::string_view line, int64_t epoch_diff_s, any_record *record);
 
 // Takes the next segment's line off the front of a list of segments, up to the '|' after it. Null, or what is wrong: then
 // the list is as it was.

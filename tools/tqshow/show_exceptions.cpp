@@ -147,58 +147,75 @@ static bool asks_more_than_places(const question &asked) {
          !rest.to.empty();
 }
 
+// The list while it is printed.
+struct exception_list {
+  const show_options &options;
+  show_question *asked;
+  show_out *out;
+  exception_table table{asked->names, out};
+  std::unordered_set<int64_t> flowpaths = {};
+  bool all = true; // else those of `flowpaths` alone
+  size_t width = std::string_view("instance").size();
+  int64_t count = 0, bad = 0;
+
+  bool is_full() const { return options.top > 0 && count >= options.top; }
+
+  void print(const flowpath_place &place, const exception_record &row) {
+    if ((!all && !flowpaths.contains(row.fpi)) || is_full())
+      return;
+    ++count;
+    if (options.count_only)
+      return;
+    if (options.json)
+      return print_json(asked->names, place, row, out);
+    out->left(place.partition, 14).put("  ").left(printable(place.instance, 40), width).put("  ");
+    out->right(row.fpi, 20).put("  ");
+    table.print_row(row);
+  }
+
+  void print_heading() {
+    if (options.json || options.count_only)
+      return;
+    out->left("partition", 14).put("  ").left("instance", width).put("  ").right("flowpath", 20).put("  ");
+    table.print_titles();
+  }
+};
+
 int show_exceptions(const test_run &run, const show_options &options, show_out *out) {
   show_question asked;
   if (!asked.make(run, options.asked, show_exception_kinds))
     return 1;
+  exception_list list = {options, &asked, out};
   flowpath_reader reader(run);
-  std::unordered_set<int64_t> flowpaths;
-  const bool all = !asks_more_than_places(options.asked);
-  if (!all)
+  list.all = !asks_more_than_places(options.asked);
+  if (!list.all)
     each_flowpath(&reader, &asked.which, show_fault, [&](const found_flowpath &found) {
-      flowpaths.insert(found.row.fpi);
+      list.flowpaths.insert(found.row.fpi);
       return true;
     });
-  exception_table table(asked.names, out);
-  size_t width = std::string_view("instance").size();
   each_place(run, options.asked.partition, "", [&](const flowpath_place &place) {
-    width = std::max(width, asked.which.takes_place(place) ? std::min<size_t>(show_width(place.instance), 40) : 0);
+    if (asked.which.takes_place(place))
+      list.width = std::max(list.width, std::min<size_t>(show_width(place.instance), 40));
     return true;
   });
-  int64_t count = 0, bad = 0;
-  if (!options.json && !options.count_only) {
-    out->left("partition", 14).put("  ").left("instance", width).put("  ").right("flowpath", 20).put("  ");
-    table.print_titles();
-  }
+  list.print_heading();
   each_place(run, options.asked.partition, "", [&](const flowpath_place &place) {
     if (!asked.which.takes_place(place))
       return true;
     row_file rows(run, row_path(place.partition, place.instance, "TQExceptions.csv"), table_of(table_id::exception));
-    while (rows.next() && (options.top == 0 || count < options.top)) {
-      const exception_record &row = rows.record.as<exception_record>();
-      if (rows.reason()) {
-        ++bad;
-        show_fault(rows.fault());
+    while (rows.next()) {
+      if (!rows.reason()) {
+        list.print(place, rows.record.as<exception_record>());
         continue;
       }
-      if (!all && !flowpaths.contains(row.fpi))
-        continue;
-      ++count;
-      if (options.count_only)
-        continue;
-      if (options.json) {
-        print_json(asked.names, place, row, out);
-        continue;
-      }
-      out->left(place.partition, 14).put("  ").left(printable(place.instance, 40), width).put("  ").right(row.fpi, 20);
-      out->put("  ");
-      table.print_row(row);
+      ++list.bad;
+      show_fault(rows.fault());
     }
-    return !out->failed();
+    return !out->failed() && !list.is_full();
   });
   if (options.count_only)
-    out->put(options.json ? "{\"count\":" : "").number(count).put(options.json ? "}" : "").end_line();
-  return bad == 0 ? 0 : 1;
+    out->put(options.json ? "{\"count\":" : "").number(list.count).put(options.json ? "}" : "").end_line();
+  return list.bad == 0 ? 0 : 1;
 }
 
 void show_exceptions_of(const name_table &names, const flowpath &whole, show_out *out) {

@@ -43,6 +43,7 @@ static std::string take_flowpath(const char *value, show_options *options) {
              : "is not a flowpath number";
 }
 
+// NOLINTNEXTLINE(readability-function-size): a table
 static std::vector<wllb_option> option_rows(command_line *line) {
   show_options &show = line->show;
   tqread::question &asked = show.asked;
