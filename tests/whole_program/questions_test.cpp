@@ -151,6 +151,23 @@ TEST_F(questions, sums_are_those_of_the_rows) {
   make_sample();
   const std::string transactions = ask({"--by", "transaction"}).output;
   EXPECT_EQ(static_cast<int64_t>(rows.size()), total(transactions, 0));
+  std::map<std::string_view, std::vector<int64_t>> durations; // by URL
+  for (const row_t &row : rows)
+    durations[row[19]].push_back(number(row[8]));
+  std::vector<std::string> shares, printed; // count, p50, p95, slowest of each transaction
+  for (auto &[url, ms] : durations) {
+    std::sort(ms.begin(), ms.end());
+    const auto at = [&ms = ms](size_t percent) { return std::to_string(ms[(ms.size() * percent + 99) / 100 - 1]); };
+    shares.push_back(std::to_string(ms.size()) + " " + at(50) + " " + at(95) + " " + at(100));
+  }
+  for (const std::string &line : lines_of(transactions)) {
+    const std::vector<std::string> words = wllb_words(line, 8);
+    printed.push_back(words[0] + " " + words[3] + " " + words[4] + " " + words[6]);
+  }
+  printed.erase(printed.begin());
+  std::sort(shares.begin(), shares.end());
+  std::sort(printed.begin(), printed.end());
+  EXPECT_EQ(shares, printed);
   int64_t self_ms = 0, calls = 0, exceptions = 0;
   double sql_ms = 0;
   each_file([&](const fs::path &file) {
