@@ -57,8 +57,8 @@ protected:
 
 TEST_F(table_rebuild, every_table_gets_its_own_rows) {
   put_file(common("TQMetaData.csv"),
-           "5,0,a.b.C.m()V\n3,1,a.b.C\n0,0,Unknown\n1,2,a.b\n2,3,app\n7,6,Login\n4,6,Logout,x\n");
-  put_file(common("TQHTTPHeaderMetaData.csv"), "Host,2\n ,1\n");
+           "5,0,a.b.C.m()V\n3,1,a.b.C\n0,0,Unknown\n1,2,a.b\n2,3,app\n7,6,Login\n4,6,Logout, x\n");
+  put_file(common("TQHTTPHeaderMetaData.csv"), "Host,2\n ,1\nX-Odd,,3\n");
 
   const std::pair<const char *, NormObjKey *> by_id[] = {{"TQExceptionClass.csv", &key_excp_cls_id},
                                                          {"TQExceptionThrowingClass.csv", &key_excp_thr_cls_id},
@@ -69,9 +69,11 @@ TEST_F(table_rebuild, every_table_gets_its_own_rows) {
                                                          {"TQIPResourceMetaData.csv", &key_resource_id}};
   for (const auto &[file, table] : by_id)
     put_file(common(file), wllb_format("9,text of %s\n0,-", file)); // the last line is not ended
-  put_file(common("TQURLTable.csv"), "1001,1073741824,-1,0,0,0,-,0,'-'\n1001,1073741827,-1,0,0,0,/shop,0,'-'\n");
-  put_file(common("TQSQL.csv"), "0,12,1,select * from cart\n");
+  put_file(common("TQURLTable.csv"), "1001,1073741824,-1,0,0,0,-,0,'-'\n1001,1073741827,-1,0,0,0,/shop,0,'-'\n"
+                                     "1001,1073741826,-1,0,0,0,/a?b=1,,2,0,'-'\n1001,1073741828,-1,0,0,0,/torn");
+  put_file(common("TQSQL.csv"), "0,12,1,select * from cart\n0,13,1,select a,b from c," + std::string(300, ',') + "\n");
   put_file(common("TQFPSignature.csv"), "A1B2,6\n");
+  const std::string with_commas = "select a,b from c," + std::string(300, ',');
   for (const int signatures : {0, 1}) {
     tqp_generate_fp_signatures = signatures;
     rebuild();
@@ -80,19 +82,23 @@ TEST_F(table_rebuild, every_table_gets_its_own_rows) {
                                                                     {3, &key_class_id, "a.b.C"},
                                                                     {-2, &key_class_id, "a.b.C.m()V"},
                                                                     {1, &key_package_id, "a.b"},
-                                                                    {4, &key_bci_arg, "Logout"},
+                                                                    {4, &key_bci_arg, "Logout, x"},
+                                                                    {3, &key_http_header_id, "X-Odd,"},
                                                                     {2, &key_http_header_id, "Host"},
                                                                     {1, &key_http_header_id, " "},
                                                                     {12, &key_sql_query, "select * from cart"},
+                                                                    {13, &key_sql_query, with_commas.c_str()},
                                                                     {signatures ? 6 : -2, &key_signature, "A1B2"}};
     for (const auto &[id, table, text] : expected)
       EXPECT_EQ(id, id_of(table, text)) << text;
     for (const auto &[file, table] : by_id)
       EXPECT_EQ(9, id_of(table, std::string("text of ") + file));
     EXPECT_EQ(3, id_of(&key_url_id, "/shop") & ~norm_id_flag);
+    EXPECT_EQ(2, id_of(&key_url_id, "/a?b=1,,2") & ~norm_id_flag);
+    EXPECT_EQ(4, id_of(&key_url_id, "/torn") & ~norm_id_flag);
     int is_new;
     EXPECT_EQ(6, wllb_get_or_gen_norm_id(&key_method_id, "new", 0, &is_new)) << "above the highest";
-    EXPECT_EQ(norm_id_flag | 4, wllb_get_or_gen_norm_id(&key_url_id, "new", 0, &is_new) | norm_id_flag);
+    EXPECT_EQ(norm_id_flag | 5, wllb_get_or_gen_norm_id(&key_url_id, "new", 0, &is_new) | norm_id_flag);
   }
   EXPECT_EQ(0, traced("|Warning|"));
 }
@@ -132,12 +138,14 @@ TEST_F(table_rebuild, only_the_newest_nonprepared_queries_load) {
   put_file(common("TQSQL.csv"), "0,12,1,select * from cart\n");
   put_file(common("TQSQL_nonprepared.csv.prev"), queries(0, 100));
   rebuild(9);
-  expect_loaded(0, 0); // without its file the former one is not looked at
+  expect_loaded(0, 100); // a kill in the rollover leaves the former file alone
   put_file(common("TQSQL_nonprepared.csv"), queries(100, 200));
   tqp_num_nonprep_sql_load_at_init = 30;
   for (const int kind : {9, -1}) {
     rebuild(kind);
     expect_loaded(169, 200); // reading ends at more than 30
+    int is_new;
+    EXPECT_EQ(200, wllb_get_or_gen_norm_id(&key_sql_nonprep_query, "new", 0, &is_new));
     EXPECT_EQ(kind == -1 ? 12 : -2, id_of(&key_sql_query, "select * from cart"));
   }
   tqp_num_nonprep_sql_load_at_init = 150;
@@ -146,6 +154,13 @@ TEST_F(table_rebuild, only_the_newest_nonprepared_queries_load) {
   tqp_num_nonprep_sql_load_at_init = -1;
   rebuild(9);
   expect_loaded(0, 200);
+  tqp_num_nonprep_sql_load_at_init = 0;
+  put_file(common("TQSQL_nonprepared.csv"),
+           queries(150, 199) + queries(120, 130)); // an instance was late with its rows
+  int next;
+  rebuild();
+  EXPECT_EQ(199, wllb_get_or_gen_norm_id(&key_sql_nonprep_query, "new", 0, &next));
+  tqp_num_nonprep_sql_load_at_init = -1;
   put_file(common("TQSQL_nonprepared.csv"), "0,1073741900,1,select 5\n0,1073741901,1\n");
   rebuild(9);
   EXPECT_EQ(76, id_of(&key_sql_nonprep_query, "select 5")) << "the newest row of a text counts";

@@ -218,13 +218,16 @@ static void signal_switch_to_upload_child() {
     kill(pid, SIGRTMIN + 2);
 }
 
-// Non-prepared queries are remembered for a partition.
+// Non-prepared queries are remembered for a partition. An instance may have been given an id whose row it has yet to
+// write, so the file alone does not say where the numbers go on.
 static void renew_nonprepared_queries() {
   if (tqp_enable_string_similarity_for_sql)
     return;
   const wllb_hold hold(key_sql_query_mutex);
+  const int highest = key_sql_nonprep_query.prev_id;
   wllb_obj_hash_destroy(&key_sql_nonprep_query);
   wllb_init_norm_id_table(&key_sql_nonprep_query, nonprepared_table_size);
+  wllb_set_start_norm_id(&key_sql_nonprep_query, highest);
   tq_build_norm_tables_from_metadata_csv(metadata_type_nonprepared);
 }
 

@@ -3,7 +3,8 @@
 //   Out     the norm tables, key_tags with count_tags, g_min_init_nonprep_sql_id
 //   Thread  main at start; for the non-prepared queries the control thread, which holds key_sql_query_mutex
 //   Failure a file that does not open leaves its table as it is; a bad row is told and passed over
-// Non-prepared queries are without end: only the newest are read, from the last line of their file backwards.
+// Non-prepared queries are without end: only the newest are read, from the last line of their file backwards. Their numbers
+// go on above those that were given out before the table was made anew, whether their rows are in the file yet or not.
 // Samples:  TQMetaData.csv 17,0,com.acme.Pay.charge()V      TQSQL.csv 0,12,1,select * from cart
 //           TQHTTPHeaderMetaData.csv User-Agent,3           TQTags.csv 4,'{"zone":"b"}'
 
@@ -24,13 +25,18 @@
 wllb_relaxed<int32_t> g_min_init_nonprep_sql_id;
 
 static constexpr int max_line = 65536;
-static constexpr int max_fields = 128;
+static constexpr int max_fields = 9; // the most that a row has
 static constexpr int64_t reverse_block = 65536;
 
-// Field numbers count from 1; 0: none.
+// So many lines of non-prepared queries are looked at for the highest id, even when fewer texts are wanted: instances
+// write their rows a little out of order.
+static constexpr int least_lines_for_ids = 10000;
+
+// Field numbers count from 1; 0: none. Commas beyond those between a row's fields belong to its text.
 struct norm_table_file {
   NormObjKey *table; // null: key_tags
   const char *file_name;
+  int num_fields;
   int name_field;
   int id_field;
   int type_field;
@@ -39,24 +45,24 @@ struct norm_table_file {
 
 // clang-format off
 static const norm_table_file norm_table_files[] = {
-  {&key_method_id,         "TQMetaData.csv",               3, 1, 2, METADATA_TYPE_METHOD},
-  {&key_class_id,          "TQMetaData.csv",               3, 1, 2, METADATA_TYPE_CLASS},
-  {&key_package_id,        "TQMetaData.csv",               3, 1, 2, METADATA_TYPE_PACKAGE},
-  {&key_bci_arg,           "TQMetaData.csv",               3, 1, 2, METADATA_TYPE_BCI_ARG},
-  {&key_http_header_id,    "TQHTTPHeaderMetaData.csv",     1, 2, 0, -1},
-  {&key_excp_cls_id,       "TQExceptionClass.csv",         2, 1, 0, -1},
-  {&key_excp_thr_cls_id,   "TQExceptionThrowingClass.csv", 2, 1, 0, -1},
-  {&key_excp_thr_mtd_id,   "TQExceptionThrowingMethod.csv",2, 1, 0, -1},
-  {&key_excp_msg_id,       "TQExceptionMessage.csv",       2, 1, 0, -1},
-  {&key_excp_st_id,        "TQExceptionStackTrace.csv",    2, 1, 0, -1},
-  {&key_excp_cause_id,     "TQExceptionCause.csv",         2, 1, 0, -1},
-  {&key_url_id,            "TQURLTable.csv",               7, 2, 0, -1}, // ids stand there with norm_id_flag
-  {&key_sql_query,         "TQSQL.csv",                    4, 2, 0, -1},
-  {&key_sql_nonprep_query, "TQSQL_nonprepared.csv",        4, 2, 0, METADATA_TYPE_SQL_NONPREP},
-  {&key_signature,         "TQFPSignature.csv",            1, 2, 0, -1},
-  {&key_resource_id,       "TQIPResourceMetaData.csv",     2, 1, 0, -1},
-  {&key_auto_topo_discovery_src, "tqIntegrationPoint.conf", 0, 0, 0, METADATA_TYPE_AUTO_TOPO_DISCOVERY},
-  {nullptr,                "TQTags.csv",                   0, 0, 0, METADATA_TYPE_TAGS},
+  {&key_method_id,         "TQMetaData.csv",               3, 3, 1, 2, METADATA_TYPE_METHOD},
+  {&key_class_id,          "TQMetaData.csv",               3, 3, 1, 2, METADATA_TYPE_CLASS},
+  {&key_package_id,        "TQMetaData.csv",               3, 3, 1, 2, METADATA_TYPE_PACKAGE},
+  {&key_bci_arg,           "TQMetaData.csv",               3, 3, 1, 2, METADATA_TYPE_BCI_ARG},
+  {&key_http_header_id,    "TQHTTPHeaderMetaData.csv",     2, 1, 2, 0, -1},
+  {&key_excp_cls_id,       "TQExceptionClass.csv",         2, 2, 1, 0, -1},
+  {&key_excp_thr_cls_id,   "TQExceptionThrowingClass.csv", 2, 2, 1, 0, -1},
+  {&key_excp_thr_mtd_id,   "TQExceptionThrowingMethod.csv",2, 2, 1, 0, -1},
+  {&key_excp_msg_id,       "TQExceptionMessage.csv",       2, 2, 1, 0, -1},
+  {&key_excp_st_id,        "TQExceptionStackTrace.csv",    2, 2, 1, 0, -1},
+  {&key_excp_cause_id,     "TQExceptionCause.csv",         2, 2, 1, 0, -1},
+  {&key_url_id,            "TQURLTable.csv",               9, 7, 2, 0, -1}, // ids stand there with norm_id_flag
+  {&key_sql_query,         "TQSQL.csv",                    4, 4, 2, 0, -1},
+  {&key_sql_nonprep_query, "TQSQL_nonprepared.csv",        4, 4, 2, 0, METADATA_TYPE_SQL_NONPREP},
+  {&key_signature,         "TQFPSignature.csv",            2, 1, 2, 0, -1},
+  {&key_resource_id,       "TQIPResourceMetaData.csv",     2, 2, 1, 0, -1},
+  {&key_auto_topo_discovery_src, "tqIntegrationPoint.conf", 0, 0, 0, 0, METADATA_TYPE_AUTO_TOPO_DISCOVERY},
+  {nullptr,                "TQTags.csv",                   0, 0, 0, 0, METADATA_TYPE_TAGS},
 };
 
 // clang-format on
@@ -113,6 +119,24 @@ static void trace_bad_id(const std::string &path, const char *line) {
       path.c_str(), line);
 }
 
+// Cuts a row into its fields, from both ends, so that the text keeps its commas. False leaves a row with too few whole;
+// what a kill left of a row whose id and text are there is taken as it is.
+static bool cut_row(const norm_table_file &from, char *line, char *fields[]) {
+  const auto commas = std::count(line, line + strlen(line), ',');
+  if (commas < std::max(from.name_field, from.id_field) - 1)
+    return false;
+  fields[0] = line;
+  for (int i = 1; i < from.name_field; ++i) {
+    fields[i] = strchr(fields[i - 1], ',');
+    *fields[i]++ = 0;
+  }
+  for (int i = from.num_fields - 1; i >= from.name_field && commas >= from.num_fields - 1; --i) {
+    fields[i] = strrchr(fields[from.name_field - 1], ',');
+    *fields[i]++ = 0;
+  }
+  return true;
+}
+
 static void trace_missing_fields(const std::string &path, const char *line) {
   wllb_trace(
       1, "Warning",
@@ -158,6 +182,7 @@ struct metadata_reader {
   const norm_table_file &from;
   std::string path;
   row_batch batch;
+  bool ids_only; // no text is wanted any more, only numbers that were given out
 };
 
 // Gives the text that id: the counter stands just before it.
@@ -193,12 +218,8 @@ static void note_nonprepared_id(int id) {
 static void take_table_row(metadata_reader *reader, char *line) {
   const norm_table_file &from = reader->from;
   char *fields[max_fields];
-  const int num = get_tokens_with_multi_delimiter(line, fields, ",", max_fields);
-  if (num < std::max({from.name_field, from.id_field, from.type_field})) {
-    for (int i = 1; i < num; ++i)
-      fields[i][-1] = ',';
+  if (!cut_row(from, line, fields))
     return trace_missing_fields(reader->path, line);
-  }
   if (from.type_field && atoi(fields[from.type_field - 1]) != from.kind)
     return;
   const int written_id = atoi(fields[from.id_field - 1]);
@@ -206,8 +227,10 @@ static void take_table_row(metadata_reader *reader, char *line) {
     return trace_bad_id(reader->path, line);
   const bool nonprepared = from.kind == METADATA_TYPE_SQL_NONPREP;
   // The non-prepared table holds plain numbers; only maps and files know the flag.
-  add_to_batch(from.table, &reader->batch, fields[from.name_field - 1],
-               nonprepared ? written_id & ~norm_id_flag : written_id);
+  const int id = nonprepared ? written_id & ~norm_id_flag : written_id;
+  if (reader->ids_only)
+    return wllb_set_start_norm_id(from.table, id);
+  add_to_batch(from.table, &reader->batch, fields[from.name_field - 1], id);
   if (nonprepared)
     note_nonprepared_id(written_id);
 }
@@ -252,11 +275,11 @@ static void mend_torn_end(const norm_table_file &from) {
              mended ? "which is ended now" : "and cannot be mended");
 }
 
-static bool read_forwards(const norm_table_file &from) {
-  metadata_reader reader = {.from = from, .path = metadata_path(from), .batch = {}};
+static void read_forwards(const norm_table_file &from) {
+  metadata_reader reader = {.from = from, .path = metadata_path(from), .batch = {}, .ids_only = false};
   const wllb_file file = tqp_open_plain_file(reader.path, "r");
   if (!file)
-    return false;
+    return;
   std::string line(max_line, 0);
   while (fgets(line.data(), max_line, file.get())) {
     const size_t len = strlen(line.c_str());
@@ -265,21 +288,24 @@ static bool read_forwards(const norm_table_file &from) {
     take_row(&reader, line.data());
   }
   put_batch(from.table, &reader.batch);
-  return true;
 }
 
-// *count: lines read so far, of all files. More than the keyword's number ends the reading; -1 of it never does.
-static bool read_backwards(const norm_table_file &from, const std::string &path, int *count) {
+// *count: lines whose texts were read so far, of all files. More than the keyword's number ends the reading of texts; -1
+// of it never does. *looked_at: the same, with the lines that were read for their ids alone.
+static bool read_backwards(const norm_table_file &from, const std::string &path, int *count, int *looked_at) {
   const wllb_file file = tqp_open_plain_file(path, "r");
   struct stat st;
   if (!file || fstat(fileno(file.get()), &st) != 0)
     return false;
   const int wanted = tqp_num_nonprep_sql_load_at_init, count_before = *count;
   tqp_reverse_file lines = {.fd = fileno(file.get()), .pos = st.st_size - 1, .block = {}, .block_at = 0};
-  metadata_reader reader = {.from = from, .path = path, .batch = {}};
+  metadata_reader reader = {.from = from, .path = path, .batch = {}, .ids_only = false};
   std::string line(max_line, 0);
-  while ((wanted < 0 || *count <= wanted) && tqp_fgets_r(line.data(), max_line, &lines)) {
-    ++*count;
+  while ((wanted < 0 || *count <= wanted || *looked_at < least_lines_for_ids) &&
+         tqp_fgets_r(line.data(), max_line, &lines)) {
+    ++*looked_at;
+    reader.ids_only = wanted >= 0 && *count > wanted;
+    *count += !reader.ids_only;
     take_row(&reader, line.data());
   }
   put_batch(from.table, &reader.batch);
@@ -288,15 +314,15 @@ static bool read_backwards(const norm_table_file &from, const std::string &path,
   return true;
 }
 
-// The file of the former partition fills up what the newest one has too few of.
-static bool read_newest_queries(const norm_table_file &from) {
+// The file of the former partition fills up what the newest one has too few of. It may be there alone: the newest one is
+// made only after the rollover.
+static void read_newest_queries(const norm_table_file &from) {
   const std::string path = metadata_path(from);
-  int count = 0;
-  if (!read_backwards(from, path, &count))
-    return false;
-  if (tqp_num_nonprep_sql_load_at_init < 0 || count < tqp_num_nonprep_sql_load_at_init)
-    read_backwards(from, path + ".prev", &count);
-  return true;
+  int count = 0, looked_at = 0;
+  read_backwards(from, path, &count, &looked_at);
+  if (tqp_num_nonprep_sql_load_at_init < 0 || count < tqp_num_nonprep_sql_load_at_init ||
+      looked_at < least_lines_for_ids)
+    read_backwards(from, path + ".prev", &count, &looked_at);
 }
 
 void tq_build_norm_tables_from_metadata_csv(int kind) {
@@ -314,9 +340,10 @@ void tq_build_norm_tables_from_metadata_csv(int kind) {
     wllb_trace(1, "Info", "Normalization table creating from %s files", from.file_name);
     if (kind != METADATA_TYPE_SQL_NONPREP && resume_flag && !tqp_is_offline())
       mend_torn_end(from);
-    const bool opened = nonprepared ? read_newest_queries(from) : read_forwards(from);
-    if (!opened && kind == METADATA_TYPE_SQL_NONPREP)
-      return;
+    if (nonprepared)
+      read_newest_queries(from);
+    else
+      read_forwards(from);
   }
   wllb_trace(1, "Info", "Normalization Tables created from metadata csv files");
 }
