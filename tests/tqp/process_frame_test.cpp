@@ -90,6 +90,11 @@ TEST_F(process_frame, working_directory_comes_from_the_environment_and_a_long_on
   tqp_command_line given;
   EXPECT_EQ(0, tqp_take_working_directory(given));
   EXPECT_STREQ("/from/environment", wl_wdir);
+  for (const auto &[dir, taken] : {std::pair("/its/last/name//", "/its/last/name"), std::pair("//", "/")}) {
+    given.working_dir = dir;
+    EXPECT_EQ(0, tqp_take_working_directory(given));
+    EXPECT_STREQ(taken, wl_wdir);
+  }
   const std::string long_dir(600, 'd');
   given.working_dir = long_dir.c_str();
   EXPECT_EQ(0, tqp_take_working_directory(given));

@@ -219,6 +219,14 @@ TEST_F(recovery_files, queries_are_read_only_beside_the_marker_and_with_their_te
   EXPECT_EQ(94, inst->sql_query_map_size);
   for (int loc_id = 100; loc_id > 6; --loc_id)
     EXPECT_EQ(loc_id == 8 ? norm_id_flag + 6 : loc_id, query(loc_id)) << "the first that has its text";
+  for (const std::string &gone : {file(LOC2NORM_SQL), file(".SQLMapNewVer")})
+    std::filesystem::remove(gone);
+  restart();
+  EXPECT_FALSE(std::filesystem::exists(file(".SQLMapNewVer"))) << "no file of either layout";
+  tqp_store_sql(inst, 1, 2, 3);
+  save();
+  restart();
+  EXPECT_EQ(2, query(1)) << "saved with its marker";
   tqp_enable_sql_metadata_recovery = 0;
   std::filesystem::remove(file(LOC2NORM_SQL));
   tqp_store_sql(inst, 1, 2, 3);

@@ -242,7 +242,7 @@ TEST_F(side_records, an_execution_goes_to_the_partition_of_its_end) {
   segment.bci_urlid = 1;
   tqp_store_loc2norm(inst, LOC2NORM_URL, 1, 9 | norm_id_flag);
   dump(INT64_MAX, 1e300, 0);
-  EXPECT_EQ("81,3,4,5,1999,1000,12,a,0\n81,3,4,5,9223372036854775,2147483647,12,,1073741833\n",
+  EXPECT_EQ("81,3,4,5,1999,1000,12,a,0\n81,3,4,5,9223372036854775,1000000000000000000,12,,1073741833\n",
             current("TQSQLRecord.csv"));
 }
 

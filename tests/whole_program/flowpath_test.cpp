@@ -132,6 +132,15 @@ TEST_F(flowpaths, a_main_segment_waits_for_what_was_announced) {
   EXPECT_EQ(1, counted("Incomplete Flowpaths Generated"));
 }
 
+TEST_F(flowpaths, a_nonsensical_start_is_not_the_earliest) {
+  raw(names + "2,500:0:0:500,100,7,1,5,q,c,1,2,3,t,1,1,,,,-5\n" +
+      "3,500:0:0:500,1:77_0_0_0_x7_1:77_1_5_1:0:0:0:0___\n" + one_method("500:0:0:500") +
+      "82,a,501:0:500:500,101,8,7.1,5,q,c,1,2,3,t2,1,1,,,,101500\n" + one_method("501:0:500:500", "84"));
+  EXPECT_EQ(0, run().exit_status);
+  ASSERT_EQ(1U, rows().size());
+  EXPECT_EQ("5", fields(rows()[0])[8]);
+}
+
 TEST_F(flowpaths, an_empty_blob_is_a_blob_and_its_details_are_kept) {
   // The first one's entry breaks off; the second one's blob is over before it begins, whatever follows its empty field.
   const std::string header = ",100,7,1,5,q,c,1,2,3,t,1,1,,,,1\n";

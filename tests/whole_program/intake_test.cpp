@@ -123,6 +123,7 @@ TEST_F(tqp_test_run, bad_records_are_told_counted_and_skipped) {
       {"32,5", 1},
       {"33,x,99999999999999999999", 1},
       {"41,", 1},
+      {"2,600:0:0:600,100,7,1,5", 0},
       {std::string("5,\0a.b,1", 8), 0},
       {std::string("\0\0,1", 4), 0},
   };
@@ -135,6 +136,7 @@ TEST_F(tqp_test_run, bad_records_are_told_counted_and_skipped) {
   raw(records + method(1, "still.A.live()V"));
   EXPECT_EQ(0, run().exit_status);
   EXPECT_EQ(incomplete, occurrences(trace(), "; Found incomplete record, skipping."));
+  EXPECT_EQ(1, occurrences(trace(), "; Found incomplete record,URL parameter is not present"));
   EXPECT_EQ(1, occurrences(trace(), "line # 22; More fields than expected."));
   EXPECT_EQ(1,
             occurrences(trace(), "Error in recover meta data from BCI: Tier_Server_App, More fields than expected."));

@@ -187,5 +187,9 @@ TEST_F(monitors, totals_go_on_after_a_restart_for_those_who_were_there_at_its_st
   samples_with(statistics_gdf, "Tier>Server>App|42 1.000000 ");
   samples_with(statistics_gdf, "6|7|8:Silent>S>A|50 0.000000 ");
   samples_with(statistics_gdf, "6|7|9:Later>S>A|0 0.000000 ");
+  parent.reset(); // totals need no parent that takes samples
+  EXPECT_TRUE(eventually([&] { return occurrences(trace(), "TQP_FP_STAT_MONITOR  Connection closed by WL") > 0; }));
+  append_raw(flowpath(503, 7));
+  EXPECT_TRUE(eventually([&] { return occurrences(read(totals_file), "Tier>Server>App,43\n") == 1; }));
   stop();
 }

@@ -57,13 +57,7 @@ void csv_dump_sql_record(tqp_instance_t *inst, const segment_fp_t *segment, cons
   const side_row placed = {inst->sql_record_data_buf.len, end_of(row, wall), row.flowpath_id};
   wllb_putter out = tqp_begin_side_row(inst, sql_records, 8 * tqp_column_room + 2);
   out.num(row.flowpath_id).put(',').num(inst->tierID).put(',').num(inst->serverID).put(',').num(inst->appID);
-  out.put(',')
-      .num(row.begin_ts / 1000)
-      .put(',')
-      .num(std::clamp<int64_t>(wall, INT32_MIN, INT32_MAX))
-      .put(',')
-      .num(row.norm_sql_id)
-      .put(',');
+  out.put(',').num(row.begin_ts / 1000).put(',').num(wall).put(',').num(row.norm_sql_id).put(',');
   if (row.status)
     out.put(row.status);
   out.put(',').num(inst->url_map.at_or_zero(segment->bci_urlid)).put('\n');

@@ -2,7 +2,7 @@
 //   In      the counters of each instance that has told its names
 //   Out     one line for each instance every fp_stats_mon_frequency ms; the file of the totals
 //   Thread  "TQP_FP_STAT_MON"; the registry is walked under its lock, the counters are taken under theirs
-//   Failure a lost connection is made anew at the next sample; the counters go on meanwhile
+//   Failure a lost connection is made anew at the next sample; the counters go on meanwhile, and so does the file
 // Sample:  3|4|5:Tier>Server>App|17 0.200000 8.500000 3 14 2 1.250000 0.100000 4.000000 4.000000 4.000000 1 ... 0.000000
 
 #include "tqp_fp_stats_mon.h"
@@ -74,6 +74,10 @@ static void put_exceptions(std::string *data, tqp_instance_t *inst) WLLB_REQUIRE
   *data += wllb_format(" %f\n", static_cast<double>(exceptions) / interval_s());
 }
 
+static void put_total(std::string *totals, const std::string &name, uint64_t count) {
+  *totals += wllb_format("%s,%llu\n", name.c_str(), shown(count));
+}
+
 static void put_instance(std::string *data, std::string *totals, tqp_instance_t *inst) WLLB_REQUIRES(tqp_imap_lock) {
   const std::string name = tqp_display_name(inst);
   tqp_add_total_of_run_before(inst, name);
@@ -84,7 +88,7 @@ static void put_instance(std::string *data, std::string *totals, tqp_instance_t 
   put_flowpaths(data, stats, bytes);
   put_queries(data, inst);
   put_exceptions(data, inst);
-  *totals += wllb_format("%s,%llu\n", name.c_str(), shown(stats.total_fp_counts));
+  put_total(totals, name, stats.total_fp_counts);
 }
 
 // --- samples -----------------------------------------------------------------------------------------------------
@@ -95,12 +99,26 @@ static bool total_is_due(tqp_instance_t *inst) {
   return inst->total_fp_counts_due != 0;
 }
 
-// Both texts in one pass: the sample, and the totals for the file.
+// The total of an instance whose numbers go on.
+static void put_total_alone(std::string *totals, tqp_instance_t *inst) {
+  const std::string name = tqp_display_name(inst);
+  tqp_add_total_of_run_before(inst, name);
+  uint64_t total;
+  {
+    wllb_hold hold(inst->fp_stats_mutex);
+    total = inst->fp_stats.total_fp_counts;
+  }
+  put_total(totals, name, total);
+}
+
+// Both texts in one pass: the sample (null: none is wanted, and the interval's numbers stay), and the totals for the file.
 static void buffer_fp_stat_data(std::string *data, std::string *totals) {
   bool may_be_asked_for = false;
   tqp_for_each_instance([&](tqp_instance_t *inst) WLLB_REQUIRES(tqp_imap_lock) {
-    if (inst->active_flag && inst->appName)
+    if (inst->active_flag && inst->appName && data)
       put_instance(data, totals, inst);
+    else if (inst->active_flag && inst->appName)
+      put_total_alone(totals, inst);
     else
       may_be_asked_for = may_be_asked_for || total_is_due(inst);
   });
@@ -108,12 +126,12 @@ static void buffer_fp_stat_data(std::string *data, std::string *totals) {
 }
 
 static void send_fp_data_to_wl() {
-  if (!tqp_link_ready(&tqp_mrcptr))
-    return;
+  const bool sends = tqp_link_ready(&tqp_mrcptr);
   std::string data;
   std::string totals;
-  buffer_fp_stat_data(&data, &totals);
-  tqp_link_send(&tqp_mrcptr, data);
+  buffer_fp_stat_data(sends ? &data : nullptr, &totals);
+  if (sends)
+    tqp_link_send(&tqp_mrcptr, data);
   tqp_write_cumulative_file(totals);
 }
 

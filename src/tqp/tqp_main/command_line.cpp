@@ -8,6 +8,7 @@
 #include "process_frame.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <unistd.h>
 
 static int as_int(const char *word) {
@@ -123,6 +124,8 @@ int tqp_take_working_directory(const tqp_command_line &given) {
     return -1;
   }
   wllb_copy_text(wl_wdir, sizeof wl_wdir, dir);
+  for (size_t len = strlen(wl_wdir); len > 1 && wl_wdir[len - 1] == '/'; --len)
+    wl_wdir[len - 1] = 0; // its last name is the controller's
   if (given.working_dir)
     setenv("WL_WDIR", wl_wdir, 1);
   return 0;

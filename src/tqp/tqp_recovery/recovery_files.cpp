@@ -418,8 +418,6 @@ static void load_map(tqp_instance_t *inst, const loc2norm_row &row) {
   const wllb_file file = tqp_open_plain_file(path, "r");
   if (!file) {
     wllb_trace(1, "Error", "Could not open file %s for reading", path.c_str());
-    if (row.bit == LOC2NORM_SQL)
-      make_sql_marker(inst);
     return;
   }
   inst->recovery_file_found = 1;
@@ -429,8 +427,6 @@ static void load_map(tqp_instance_t *inst, const loc2norm_row &row) {
   if (fstat(fileno(file.get()), &st) != 0) {
     wllb_trace(1, "Error", "Could not stat file %s, errorno = %d (Error: %s)", path.c_str(), errno,
                wllb_strerror(errno).c_str());
-    if (row.bit == LOC2NORM_SQL)
-      make_sql_marker(inst);
     return;
   }
   if (row.map)

@@ -93,14 +93,14 @@ static void close_open_methods(tqp_instance_t *inst, int64_t main_fpi, segment_f
 
 // --- times ---------------------------------------------------------------------------------------------------------
 
+// Times compare as unsigned ones: an agent's nonsense does not pass for the earliest.
 static void take_least(int64_t &slot_value, uint64_t value) {
-  const auto given = static_cast<int64_t>(value);
-  if (given != 0 && (slot_value == 0 || given < slot_value))
-    slot_value = given;
+  if (value != 0 && (slot_value == 0 || value < static_cast<uint64_t>(slot_value)))
+    slot_value = static_cast<int64_t>(value);
 }
 
 static void take_greatest(int64_t &slot_value, uint64_t value) {
-  slot_value = std::max(slot_value, static_cast<int64_t>(value));
+  slot_value = static_cast<int64_t>(std::max(static_cast<uint64_t>(slot_value), value));
 }
 
 // From here on the segment's begin is in milliseconds; one that is given up stays in seconds.

@@ -186,8 +186,10 @@ static bool read_request(header_t &h) {
   segment_fp_t *segment = h.segment;
   const int64_t url_id = h.f->next_number();
   segment->bci_urlid = url_id == 0 ? -1 : url_id;
-  if (h.f->ended)
+  if (h.f->ended) {
+    tqp_rawdata_error(h.inst, "Found incomplete record,URL parameter is not present");
     return false;
+  }
   keep_query(segment, h.f->next());
   if (h.f->ended)
     return false;
