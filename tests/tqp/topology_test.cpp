@@ -80,9 +80,11 @@ TEST_F(topology, arrays_grow_under_two_threads_and_long_texts_are_cut) {
   tell_each_second(0);
   beside.join();
   tell(std::string(1030, 'y') + "," + std::string(1030, 'z') + "," + std::string(1030, '0'));
+  tqp_save_auto_topology();
   restart();
   tell("b257,Tier0,again");
   tell("last,last,last");
+  tqp_save_auto_topology();
   const std::string whole = taken();
   for (int i = 0; i < 260; ++i)
     EXPECT_NE(whole.npos, whole.find(wllb_format("\"b%d\",\n          \"destTier\": \"d%d\"", i, i))) << i;
@@ -92,6 +94,7 @@ TEST_F(topology, arrays_grow_under_two_threads_and_long_texts_are_cut) {
 TEST_F(topology, a_hostile_file_is_told_and_leaves_nothing) {
   const std::string init = "json file = " + path + " initialization failed with error = [";
   const std::string tree = "could not create json tree";
+  int unreadable = 0;
   const std::string entry = "Error: found invalid entry in json file = [" + path + "] for ";
   const std::string open = R"({"backendNamesMappings":[)", data = R"(,"backendData":)";
   const std::pair<std::string, std::string> rows[] = {
@@ -112,12 +115,44 @@ TEST_F(topology, a_hostile_file_is_told_and_leaves_nothing) {
     put_file(path, text);
     restart();
     EXPECT_EQ(before + 1, traced(words)) << text.substr(0, 60);
+    unreadable += words == init || words == tree;
     tell("Db,Shop,Store");
     EXPECT_EQ(one_pair, file_text(path));
   }
-  tell("say \"hi\",Shop,Store"); // written as it is, and so not to be read again
+  const std::string aside = path + ".unreadable"; // each is kept
+  EXPECT_EQ("", file_text(aside));
+  EXPECT_EQ(one_pair.substr(0, one_pair.size() - 1), file_text(aside + ".1"));
+  EXPECT_TRUE(std::filesystem::exists(aside + ".3") && !std::filesystem::exists(aside + ".4"));
+  EXPECT_EQ(4, unreadable);
+}
+
+TEST_F(topology, names_of_any_bytes_come_back_as_they_were) {
+  const auto tell_all = [] {
+    for (const char *name :
+         {"say \"hi\"", "C:\\new\\table", "tab\there", "\xff\xfe", "\"destTier\": \"x\"", "\\", "{", "}"})
+      for (const char *fields : {"%s,Shop,Store", "Db,%s,Store", "Db2,Cart,%s"})
+        tell(std::string(fields).replace(std::string(fields).find("%s"), 2, name));
+  };
+  tell_all();
+  const std::string before = file_text(path);
   restart();
-  EXPECT_EQ(3, traced(init)) << "two rows above, and this one";
+  EXPECT_EQ(before, taken());
+  tell_all();
+  EXPECT_EQ("", taken()) << "all are known";
+  tell("New,}x,Store");
+  EXPECT_EQ(0U, taken().find(before.substr(0, before.size() - std::strlen("\n  ]\n}"))));
+}
+
+TEST_F(topology, a_flood_of_pairs_is_limited_and_written_in_steps) {
+  for (int i = 0; i < 150000; ++i)
+    tell(wllb_format("b%d,t%d,d", i, i % 3 ? i : 0));
+  tqp_save_auto_topology();
+  const int written = traced(" json file = [");
+  EXPECT_GT(400, written);
+  EXPECT_EQ(1, traced("Auto discovery topology has reached its limit"));
+  const std::string whole = taken();
+  EXPECT_GT(8U << 20U, whole.size());
+  EXPECT_LT(6U << 20U, whole.size());
 }
 
 } // namespace

@@ -293,6 +293,7 @@ int tq_close_app_instance(tqp_instance_t *inst) {
     inst->tq_data_over = 1;
   csv_dump_all_files(inst);
   dump_all_incomplete_flowpaths(inst);
+  tqp_save_auto_topology();
   save_tqp_app_instance_thread_state(inst);
   tqp_free_instance_data(inst);
   {

@@ -14,6 +14,7 @@
 #include "tqp_process_data.h"
 #include "tqp_run_time_v2.h"
 #include "tqp_stat_mon.h"
+#include "tqp_tags.h"
 
 #include <cstring>
 
@@ -131,6 +132,7 @@ void check_and_flush_csv_buffers(tqp_instance_t *inst, time_t *last_time) {
     else
       wllb_trace(2, "Info", "Force writing Flowpath and other csv files at '%s'", at.c_str());
   }
+  tqp_save_auto_topology(); // before the offset moves on
   save_tqp_app_instance_thread_state(inst);
   if (last_time)
     *last_time = now;

@@ -29,6 +29,9 @@ void tqp_free_global_texts(tqp_instance_t *inst);
 
 void tq_process_auto_topology_discovery_record(char **p_cursor, char *end_of_record);
 
+// Writes the topology file if it lacks a pair; an instance that has read its file to the end, and one that closes.
+void tqp_save_auto_topology();
+
 // Reads the topology file of the run before; main, at start.
 void tq_build_norm_tables_for_auto_discovery();
 
