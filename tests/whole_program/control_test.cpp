@@ -233,6 +233,31 @@ TEST_F(control, every_message_that_adds_or_removes_an_instance_does) {
   expect_normal_end();
 }
 
+TEST_F(control, instances_beyond_the_limit_wait_for_a_place) {
+  keywords("TQP_NEW_RAW_DATA_POLL_INTERVAL 20\nTQP_MAX_INSTANCES 2\n");
+  for (const char *name : {"T_S_0", "T_S_1", "T_S_2"})
+    raw(identity(name), name);
+  start_connected();
+  EXPECT_TRUE(traced("TQP_MAX_INSTANCES = 2 instances are served, '", 1));
+  const auto all_read = [&] {
+    int read_files = 0;
+    for (const char *name : {"T_S_0", "T_S_1", "T_S_2"})
+      read_files += saved_offset(name) > 0;
+    return read_files;
+  };
+  EXPECT_TRUE(eventually([&] { return all_read() == 2; }));
+  say("=enableInstance T S 3\n");
+  const int served = saved_offset("T_S_0") > 0 ? 0 : 1;
+  say("=removeInstance T S " + std::to_string(served) + "\n");
+  EXPECT_TRUE(traced("Processing over for jvmid = ", 1));
+  EXPECT_FALSE(fs::exists(path("tq/recovery/T_S_3")));
+  for (int i = 0; i < 3; ++i)
+    if (saved_offset("T_S_" + std::to_string(i)) == 0)
+      say("=enableInstance T S " + std::to_string(i) + "\n");
+  EXPECT_TRUE(eventually([&] { return all_read() == 3; }));
+  expect_normal_end();
+}
+
 TEST_F(control, leaves_within_a_second_whatever_the_channel_waits_for) {
   raw(identity());
   for (const std::string waits_for : {"a message", "the rest of a line", "a collector"}) {
@@ -291,14 +316,32 @@ TEST_F(control, lines_that_mean_harm_do_nothing) {
     }
   const auto lag = []() WLLB_NO_THREAD_CHECK { return tqp_mon_stat_info.process_done_lag_count; };
   uint32_t messages = 0;
-  for (const std::string value : {"", "=", "=../1", "=-5", "=0", "=7777777777777777777", "=2026x", "='1'"}) {
+  for (const std::string value : {"", "=", "=../1", "=-5", "=0", "=7777777777777777777", "=2026x", "='1'",
+                                  "=2026112211000", "=202611221100000", "= 20261122110000"}) {
     run("x=test_run_switch;PARTITION_NAME" + value + (value.size() > 18 ? std::string(281, '7') : ""));
     EXPECT_EQ(first_partition, g_cur_partition) << value;
     EXPECT_EQ(++messages, lag()) << "it counts as a switch without a name";
     EXPECT_FALSE(is_done(first_partition)) << "nobody has left it";
   }
-  run("x=test_run_switch;PARTITION_NAME=999999999999999999;more\nx=test_run_switch\nx=removeInstance;\n=");
-  EXPECT_TRUE(g_partition_idx == 999999999999999999 && is_done(first_partition) && lag() == messages + 1);
+  run("x=test_run_switch;PARTITION_NAME=30000000000000;more\nx=test_run_switch\nx=removeInstance;\n=");
+  EXPECT_TRUE(g_partition_idx == 30000000000000 && is_done(first_partition) && lag() == messages + 1);
+  int64_t last = 30000000000000;
+  for (int i = 1; i <= 99; ++i) // none of them is there
+    run("x=test_run_switch;PARTITION_NAME=" + std::to_string(++last) + " \r");
+  EXPECT_EQ(last, g_partition_idx);
+  run("x=test_run_switch;PARTITION_NAME=" + std::to_string(last + 1));
+  EXPECT_EQ(last, g_partition_idx) << "one too many";
+  put_file(path(std::to_string(last) + "/.partition_info.txt"), "");
+  run("x=test_run_switch;PARTITION_NAME=" + std::to_string(last + 1));
+  EXPECT_EQ(last + 1, g_partition_idx) << "one of them has come";
+  int is_new = 0;
+  key_sql_query_mutex.lock();
+  const int taken = wllb_get_or_gen_norm_id(&key_sql_nonprep_query, "its row is not written yet", 0, &is_new);
+  key_sql_query_mutex.unlock();
+  run("x=test_run_switch");
+  key_sql_query_mutex.lock();
+  EXPECT_EQ(taken + 1, wllb_get_or_gen_norm_id(&key_sql_nonprep_query, "another", 0, &is_new));
+  key_sql_query_mutex.unlock();
   wllb_trace_partition = 0;
   wllb_obj_hash_destroy(&key_sql_nonprep_query);
   tqp_process_state_init();

@@ -77,7 +77,16 @@ TEST_F(dumps_on_demand, without_a_request_file_everything_is_dumped_and_an_empty
   ASSERT_TRUE(eventually([&] { return occurrences(trace(), "Received TQP_DUMP_LOC2NORM_MAPS Signal") == 2; }));
   ask_for("T_S_Other\nT_S_Other,112\n");
   tqp->signal(SIGRTMIN + 5);
+  EXPECT_TRUE(eventually([&] { return dumps().size() == 3; })) << "one request an instance";
+  tqp->signal(SIGRTMIN + 5);
   EXPECT_TRUE(eventually([&] { return dumps().size() == 4; })) << dumps().size();
+  const std::string request = directory + "/outside/tmp/tqp_dump_loc2norm_maps.txt";
+  if (geteuid() != 0)
+    return;
+  ASSERT_EQ(0, chown(request.c_str(), 65534, 65534)); // somebody else's does not choose
+  tqp->signal(SIGRTMIN + 5);
+  EXPECT_TRUE(eventually([&] { return dumps().size() == 6; })) << dumps().size();
+  EXPECT_EQ(1, occurrences(trace(), request + " belongs to user 65534 and is not looked at"));
 }
 
 TEST_F(dumps_on_demand, the_status_file_tells_how_far_each_instance_is) {

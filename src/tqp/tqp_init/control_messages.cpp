@@ -21,11 +21,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <set>
 
 constexpr int metadata_type_nonprepared = 9;
 constexpr int nonprepared_table_size = 262144;
-constexpr size_t most_partition_digits = 18; // fits 64 bits
-constexpr int most_told = 300;               // bytes of an ignored line that are traced
+constexpr size_t partition_digits = 14;
+constexpr size_t most_missing_partitions = 100; // that may be announced before they are there
+constexpr int most_told = 300;                  // bytes of an ignored line that are traced
 
 struct control_line {
   const char *text;   // the whole line
@@ -170,17 +172,36 @@ static void leave_on_error(const control_line &line) {
 
 // --- partition switch --------------------------------------------------------------------------------------------
 
-// The partition that a line names, or 0.
+// The partition that a line names, up to its first other byte; 0: none, or one that cannot be.
 static int64_t partition_of(const control_line &line) {
   const char *field = strstr(line.text, "PARTITION_NAME=");
   if (!field)
     return 0;
-  const std::string value = value_up_to(strchr(field, '=') + 1, ';');
-  const bool good = wllb_is_numeric(value) && value.size() <= most_partition_digits;
-  const int64_t partition = good ? strtoll(value.c_str(), nullptr, 10) : 0;
+  const char *value = strchr(field, '=') + 1;
+  const bool good = strspn(value, "0123456789") == partition_digits;
+  const int64_t partition = good ? strtoll(value, nullptr, 10) : 0;
   if (partition == 0)
     tell_ignored(line);
   return partition;
+}
+
+// False for a partition that is not there when too many such have been announced already.
+static bool may_be_announced(int64_t partition) {
+  static std::set<int64_t> missing;        // the control thread alone
+  const auto is_there = [](int64_t each) { // a directory alone may be our own
+    const auto name = static_cast<long long>(each);
+    return wllb_path_exists(wllb_format("%s/%lld/.partition_info.txt", base_dir.c_str(), name).c_str());
+  };
+  if (partition == 0 || missing.contains(partition) || is_there(partition))
+    return true;
+  std::erase_if(missing, is_there);
+  if (missing.size() >= most_missing_partitions) {
+    wllb_trace(1, "Critical", "%zu announced partitions do not exist, so that of %lld is ignored", missing.size(),
+               static_cast<long long>(partition));
+    return false;
+  }
+  missing.insert(partition);
+  return true;
 }
 
 // An instance that sees its raised flag also sees the new partition, which was stored before.
@@ -255,7 +276,7 @@ static void switch_partition(const control_line &line) {
   const int64_t entered = partition_of(line);
   if (entered > 0 && entered <= caught_up_with)
     wllb_trace(1, "Info", "Partition %lld was entered before its message came", static_cast<long long>(entered));
-  else
+  else if (may_be_announced(entered))
     enter_partition(entered);
 }
 

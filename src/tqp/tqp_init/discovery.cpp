@@ -83,10 +83,16 @@ static void start_found_instance(const std::string &name, int id) {
   count_periodic_find();
 }
 
+static bool is_known_name(const char *name) {
+  wllb_hold hold(key_tsa_name_mutex);
+  return key_tsa_name.nt && wllb_get_norm_id(&key_tsa_name, name, static_cast<int>(strlen(name))) >= 0;
+}
+
 static void start_unknown_instances(const std::vector<std::string> &files) {
   for (const std::string &file : files) {
     const std::string name = without_extension(file);
-    if (check_instance_thread_is_running(name.c_str()) == 0)
+    if (check_instance_thread_is_running(name.c_str()) == 0 || is_known_name(name.c_str()) ||
+        !tqp_has_room_for_instance(name.c_str()))
       continue;
     int is_new = 0;
     int id;
@@ -184,11 +190,6 @@ int tqp_discover_instances(int periodic) {
 
 // --- by name -------------------------------------------------------------------------------------------------------
 
-static bool is_known_name(const char *name) {
-  wllb_hold hold(key_tsa_name_mutex);
-  return key_tsa_name.nt && wllb_get_norm_id(&key_tsa_name, name, static_cast<int>(strlen(name))) >= 0;
-}
-
 // The first free place, else a new one at the end.
 static int take_free_index() {
   {
@@ -209,7 +210,7 @@ static int take_free_index() {
 }
 
 void searchInstanceInHashMap(const char *name) {
-  if (!tqp_is_instance_name(name) || is_known_name(name))
+  if (!tqp_is_instance_name(name) || is_known_name(name) || !tqp_has_room_for_instance(name))
     return;
   const int index = take_free_index();
   if (check_instance_thread_is_running(name) == 0)

@@ -93,6 +93,21 @@ void tqp_size_registry(int raw_files) {
     tqp_imap_reallocator(with_headroom - 1);
 }
 
+bool tqp_has_room_for_instance(const char *name) {
+  static bool reported; // discovery's thread alone
+  int64_t served = 0;
+  tqp_for_each_instance([&served](const tqp_instance_t *) { ++served; });
+  if (served < tqp_max_instances) {
+    reported = false;
+    return true;
+  }
+  if (!reported)
+    wllb_trace(1, "Critical", "TQP_MAX_INSTANCES = %d instances are served, '%s' and further ones have to wait",
+               tqp_max_instances, name);
+  reported = true;
+  return false;
+}
+
 bool tqp_imap_reallocator(int index) {
   if (index < imap_size)
     return true;

@@ -16,6 +16,10 @@ void tqp_free_instance_names(tqp_instance_t *inst) WLLB_REQUIRES(tqp_imap_lock);
 // told by name) the pool keeps the present counts.
 void tqp_size_registry(int raw_files);
 
+// False, and reported when that begins, while as many instances are served as may be. A name that is refused is met again
+// at the next discovery or message.
+bool tqp_has_room_for_instance(const char *name);
+
 // Makes registry entries up to `index`. False when there cannot be so many.
 bool tqp_imap_reallocator(int index);
 

@@ -80,6 +80,7 @@ extern int tqp_enable_auto_mon_reg;          // first word of TQP_MONITORS
 extern int tqp_enable_auto_mon_instance_reg; // second word of TQP_MONITORS
 extern int tqp_enable_sql_metadata_recovery;
 extern int tqp_threshold_diff_bet_fp_and_entry_mtd_resptime; // s
+extern int tqp_max_instances;                                // served at the same time
 extern int tqp_num_nonprep_sql_load_at_init;                 // -1: all
 extern int tqp_sql_nonprep_rollover_size_mb;                 // 0: never
 extern long tqp_periodic_scandir_time;                       // s

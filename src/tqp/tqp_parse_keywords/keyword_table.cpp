@@ -125,6 +125,7 @@ constexpr kw_row rows[] = {
   {.keyword = "TQP_PERIODIC_SCANDIR_TIME", .rule = KW_OWN, .own = kw_set_tqp_periodic_scandir_time},
   {.keyword = "DEFAULT_TQP_ERRLOG_THROTTLE_INTERVAL_SEC", .rule = KW_RANGE, .min = 11, .max = 86400, .value = &tqp_errlog_throttle_interval, .def = 300},
   {.keyword = "DEFAULT_TQP_APPEND_PARENT_FPI_TO_CORRID", .rule = KW_FLAG, .value = &tqp_append_parent_fpi_to_corrid, .def = 0},
+  {.keyword = "TQP_MAX_INSTANCES", .rule = KW_RANGE, .min = 1, .max = 1000000, .value = &tqp_max_instances, .def = 1024},
   {.keyword = "TQP_MAX_FP_SEGMENTS_COUNT", .rule = KW_RANGE, .min = 1, .value = &tqp_max_fp_segments_count, .def = 50000},
   {.keyword = "TQP_SECS_TO_HOLD_FP_FOR_PENDING_ASYNC_RESP", .rule = KW_RANGE, .min = 1, .max = 60, .value = &secs_to_hold_fp_for_pending_async_resp, .def = 60, .bare = true,
    .complaint = "secs_to_clean_seg_array_main_fp allowed range is between  0 (Sec)  and  70(sec)setting default value = %d"},

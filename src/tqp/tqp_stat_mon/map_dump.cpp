@@ -1,5 +1,6 @@
 // Dumps on demand: what an instance's maps hold, and which flowpaths it has in flight.
-//   In      a signal's flag; "/tmp/tqp_dump_loc2norm_maps.txt", if there: a line for each instance, "name,5,21"; its maps
+//   In      a signal's flag; "/tmp/tqp_dump_loc2norm_maps.txt", if it is there and this process's user's or root's: a line
+//           for each instance, "name,5,21"; its maps
 //   Out     "%s/logs/TR%d/tq/logs/tqp_loc2norm_map_dump_%s_%s_%d_%d.log", one for each line
 //   Thread  main asks; each instance's own thread writes, when it next looks, so that nothing is seen half changed
 //   Failure a request for a name that nobody has is passed over; a file that cannot be made is traced
@@ -13,7 +14,10 @@
 #include "tqp_init.h"
 #include "tqp_recovery.h"
 
+#include <algorithm>
 #include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 // --- asking ------------------------------------------------------------------------------------------------------
@@ -35,8 +39,6 @@ struct dump_request {
   int number; // of the dump, in the file's name
 };
 
-constexpr size_t most_requests = 10000; // an instance whose thread has given up its file looks no more
-
 static wllb_mutex dump_mutex; // innermost
 static std::vector<dump_request> dump_requests WLLB_GUARDED_BY(dump_mutex);
 static int dump_count WLLB_GUARDED_BY(dump_mutex); // running number
@@ -44,8 +46,11 @@ static wllb_relaxed<int> dumps_wanted(0);          // size of dump_requests, for
 
 static void ask_for_dump(const tqp_instance_t *inst, int mask) {
   wllb_hold hold(dump_mutex);
-  if (dump_requests.size() >= most_requests)
-    return;
+  for (dump_request &request : dump_requests)
+    if (request.inst == inst) { // one dump shows what all of them ask for
+      request.mask |= mask;
+      return;
+    }
   dump_requests.push_back({inst, mask, ++dump_count});
   dumps_wanted = static_cast<int>(dump_requests.size());
 }
@@ -84,17 +89,33 @@ static void ask_as_told(std::string_view line) {
   });
 }
 
+// The request file's text; false without one that this process's user or root has made.
+static bool read_request_file(std::string *text) {
+  constexpr off_t most_bytes = 1 << 20;
+  const std::string &path = outside_paths.dump_request_file;
+  struct stat found = {};
+  const wllb_fd file(wllb_open_plain(path.c_str(), O_RDONLY | O_NOFOLLOW, &found));
+  if (file.fd < 0)
+    return false;
+  if (found.st_uid != geteuid() && found.st_uid != 0) {
+    wllb_trace(1, "Warning", "%s belongs to user %d and is not looked at", path.c_str(),
+               static_cast<int>(found.st_uid));
+    return false;
+  }
+  text->resize(static_cast<size_t>(std::min(found.st_size, most_bytes)));
+  text->resize(static_cast<size_t>(
+      std::max<int64_t>(wllb_read_at(file.fd, text->data(), static_cast<int64_t>(text->size()), 0), 0)));
+  return true;
+}
+
 void process_sig_tqp_dump_loc2norm_maps() {
   wllb_trace(1, "Info", "Received TQP_DUMP_LOC2NORM_MAPS Signal");
   sig_dump_loc2norm_maps = 0;
-  const char *path = outside_paths.dump_request_file.c_str();
-  if (!wllb_is_regular_file(path) || access(path, R_OK) != 0) {
+  std::string text;
+  if (!read_request_file(&text))
     ask_all();
-  } else {
-    const std::string text = wllb_read_small_file(path);
-    for (std::string_view rest = text; !rest.empty();)
-      ask_as_told(wllb_take_piece(&rest, '\n'));
-  }
+  for (std::string_view rest = text; !rest.empty();)
+    ask_as_told(wllb_take_piece(&rest, '\n'));
   tqp_wake_all();
 }
 
