@@ -235,8 +235,8 @@ TEST_F(control, every_message_that_adds_or_removes_an_instance_does) {
 
 TEST_F(control, instances_beyond_the_limit_wait_for_a_place) {
   keywords("TQP_NEW_RAW_DATA_POLL_INTERVAL 20\nTQP_MAX_INSTANCES 2\n");
-  for (const char *name : {"T_S_0", "T_S_1", "T_S_2"})
-    raw(identity(name), name);
+  for (const auto &[name, app] : {std::pair("T_S_0", 5), std::pair("T_S_1", 6), std::pair("T_S_2", 7)})
+    raw(identity(name, 3, 4, app), name);
   start_connected();
   EXPECT_TRUE(traced("TQP_MAX_INSTANCES = 2 instances are served, '", 1));
   const auto all_read = [&] {
