@@ -106,7 +106,8 @@ struct load_driver {
   // Removes all rows of the scope (all tables) or, with `node` -1, of the whole test run.
   virtual take_result drop_testrun(int32_t testrun, int32_t node) = 0;
 
-  // Removes FACT and SUM rows before this time (ms since 1970), of all test runs, and test runs that have none left.
+  // Removes the FACT rows, and the SUM rows by minute, before this time (ms since 1970), of all test runs. Names and other sums
+  // stay until the test run is dropped.
   virtual take_result drop_before(int64_t time_ms) = 0;
 
   // How many bytes of files a unit should have: large ones for few and cheap commits, small ones for low memory and little

@@ -93,6 +93,9 @@ compare killed.sqlite whole.sqlite
 flowpaths=$(sqlite3 whole.sqlite 'SELECT count(*) FROM flowpath')
 partitions=$(find work/logs/TR1 -maxdepth 1 -name '2*' | wc -l)
 late=$(find work/logs/TR1 -name .tqp_process_done_v2.txt -exec cat {} + | wc -l)
+rejected=$(sqlite3 whole.sqlite 'SELECT count(*) FROM load_reject')
+elsewhere=$(sqlite3 whole.sqlite 'SELECT count(*) FROM segment s JOIN flowpath f ON f.fpi = s.main_fpi WHERE s.partition <> f.list_partition')
+echo "$elsewhere segments with their texts in an earlier file, $rejected notes in load_reject"
 echo "$done_kills kills, $flowpaths flowpaths in $partitions partitions, $late notes of late rows, $faults tables differ"
 [ "$flowpaths" -gt 0 ] && [ "$done_kills" -gt 0 ] && [ "$faults" -eq 0 ] || exit 1
 
