@@ -12,8 +12,8 @@
 namespace tqdb {
 
 // Rows go to the driver in portions of about so many bytes, so that the loader stays small.
-static constexpr size_t most_rows_weight = 4 << 20;
-static constexpr size_t most_unit_weight = 32 << 20; // with the sums, which wait for the unit's end
+static constexpr size_t most_rows_weight = 2 << 20;
+static constexpr size_t most_unit_weight = 24 << 20; // with the sums, which wait for the unit's end
 
 loader::loader(const tqread::test_run &run, const load_options &options, load_driver *driver,
                std::function<bool()> told_to_stop)

@@ -69,7 +69,7 @@ struct sqlite_driver final : load_driver {
   take_result drop_testrun(int32_t testrun, int32_t node) override;
   take_result drop_before(int64_t time_ms) override;
 
-  int64_t unit_bytes(bool bulk) const override { return bulk ? 64 << 20 : 4 << 20; }
+  int64_t unit_bytes(bool bulk) const override { return bulk ? 48 << 20 : 4 << 20; }
 
 private:
   void close_all();
@@ -166,7 +166,7 @@ open_result sqlite_driver::connect_file() {
   sqlite3_busy_timeout(db.get(), 5000);
   // NORMAL in WAL mode: a crash of the machine can lose the last units, with their positions; they are loaded again.
   if (!run(
-          "PRAGMA page_size = 8192; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -24576; "
+          "PRAGMA page_size = 8192; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384; "
           "PRAGMA temp_store = FILE; PRAGMA threads = 2; PRAGMA wal_autocheckpoint = 4000"))
     return failed("setting up") == TQDB_AWAY ? TQDB_NOT_THERE : TQDB_REFUSED;
   return TQDB_READY;
@@ -233,12 +233,12 @@ open_result sqlite_driver::open(const load_scope &of, load_state *state) {
 
 // Sorting takes as much memory as the cache, in each of its threads.
 take_result sqlite_driver::make_indexes() {
-  run("PRAGMA cache_size = -8192");
+  run("PRAGMA cache_size = -6144; PRAGMA shrink_memory");
   for (const table &t : tables())
     for (const table_index &index : t.indexes)
       if (!run(create_index_sql(t, index)))
         return failed("making indexes");
-  run("PRAGMA cache_size = -24576");
+  run("PRAGMA cache_size = -16384");
   return TQDB_TAKEN;
 }
 

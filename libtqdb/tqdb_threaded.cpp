@@ -21,7 +21,7 @@ struct waiting_call {
 };
 
 struct threaded_driver final : load_driver {
-  static constexpr size_t most_weight = 4 << 20; // of rows that wait
+  static constexpr size_t most_weight = 2 << 20; // of rows that wait
 
   explicit threaded_driver(std::unique_ptr<load_driver> of) : inside(std::move(of)), worker([this] { work(); }) {}
 

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <csignal>
 #include <ctime>
+#include <malloc.h>
 #include <string>
 #include <utility>
 
@@ -176,6 +177,7 @@ int main(int argc, char **argv) {
   upload_options options;
   if (const std::optional<int> status = upload_read_options(argc, argv, &options))
     return *status;
+  mallopt(M_ARENA_MAX, 1);  // two threads that hand rows on: what one gives back, the other takes
   signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a full disk like any other
   upload_watch watch;
   if (options.status)
