@@ -560,10 +560,28 @@ std::string sum_of_histogram() {
   return text;
 }
 
+// The same calculation by the place of the step in an array of the histogram, from its lower end on.
+static std::string percentile_by_place(const std::string &rank, const std::string &count, const std::string &longest) {
+  std::string upto, ends = "[0";
+  for (const int32_t bound : bounds) {
+    upto += "le_" + std::to_string(bound) + ", ";
+    ends += ", " + std::to_string(bound);
+  }
+  const std::string from_lowest = "[0, " + upto + count + "]",
+                    place = "arrayFirstIndex(x -> x >= " + rank + ", [" + upto + count + "])";
+  const std::string from = ends + "][" + place + "]", below = from_lowest + "[" + place + "]";
+  const std::string end = "least(" + ends + ", " + std::to_string(INT32_MAX) + "][" + place + " + 1], " + longest + ")";
+  return "CASE WHEN " + count + " = 0 THEN 0.0 ELSE " + from + " + (" + end + " - " + from + ") * 1.0 * (" + rank +
+         " - " + below + ") / (" + from_lowest + "[" + place + " + 1] - " + below + ") END";
+}
+
 // Inside a step, durations are taken as spread evenly; the last one that is reached ends at the longest duration.
-std::string percentile_sql(double level, std::string_view count_column, std::string_view longest_column) {
+std::string percentile_sql(double level, std::string_view count_column, std::string_view longest_column,
+                           bool with_arrays) {
   const std::string count(count_column), longest(longest_column);
   const std::string rank = wllb_format("%g * %s", level, count.c_str());
+  if (with_arrays)
+    return percentile_by_place(rank, count, longest);
   std::string text = wllb_format("CASE WHEN %s = 0 THEN 0.0", count.c_str());
   std::string below = "0";
   int32_t from = 0;

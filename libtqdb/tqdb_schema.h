@@ -138,8 +138,10 @@ std::span<const int32_t> duration_bounds();
 std::string sum_of_histogram();
 
 // A percentile in ms (REAL) as an SQL expression over columns le_<bound>, a count and a longest duration, each one row's
-// own: linear inside a step of the histogram. 0 for a count of 0.
-std::string percentile_sql(double level, std::string_view count_column, std::string_view longest_column);
+// own: linear inside a step of the histogram. 0 for a count of 0. `with_arrays`: for an engine that has them and takes long
+// over an expression of hundreds of parts.
+std::string percentile_sql(double level, std::string_view count_column, std::string_view longest_column,
+                           bool with_arrays);
 
 // --- versions ----------------------------------------------------------------------------------------------------
 

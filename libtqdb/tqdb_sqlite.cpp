@@ -6,6 +6,7 @@
 //           good. An unfinished transaction is undone by SQLite at the next opening
 #include "tqdb_sqlite.h"
 #include "tqdb_driver.h"
+#include "tqdb_lock.h"
 #include "tqdb_statements.h"
 #include "tqdb_views.h"
 
@@ -14,7 +15,6 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace tqdb {
@@ -126,28 +126,9 @@ bool sqlite_driver::run(std::string_view sql) {
 
 // --- opening ----------------------------------------------------------------------------------------------------
 
-static void own_as(int fd, const std::string &dir) {
-  struct stat owner = {};
-  if (stat(dir.c_str(), &owner) == 0 && fchown(fd, owner.st_uid, owner.st_gid) != 0)
-    return; // it keeps the owner it has
-}
-
 open_result sqlite_driver::lock_scope() {
-  if (lock.fd >= 0)
-    return TQDB_READY;
-  const std::string path = target.path + wllb_format(".%d.%d.lock", scope.testrun, scope.node);
-  mkdir_ex(path.c_str());
-  lock.reset(wllb_open_plain(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW));
-  if (lock.fd < 0) {
-    error_text = path + ": " + wllb_strerror(errno);
-    return errno == ENOSPC ? TQDB_NOT_THERE : TQDB_REFUSED;
-  }
-  own_as(lock.fd, scope.run_dir);
-  if (flock(lock.fd, LOCK_EX | LOCK_NB) == 0)
-    return TQDB_READY;
-  lock.reset();
-  error_text = path + ": another loader works on this test run";
-  return TQDB_IN_USE;
+  return take_load_lock(target.path + wllb_format(".%d.%d.lock", scope.testrun, scope.node), scope.run_dir, &lock,
+                        &error_text);
 }
 
 open_result sqlite_driver::connect_file() {
@@ -364,13 +345,6 @@ take_result sqlite_driver::drop_testrun(int32_t testrun, int32_t node) {
         !run(wllb_format("DELETE FROM %s WHERE testrun = %d AND (%d = -1 OR node = %d)", t.name, testrun, node, node)))
       result = failed(t.name);
   return result == TQDB_TAKEN ? commit({}) : result;
-}
-
-static const column *time_column(const table &t) {
-  for (const column &c : t.columns)
-    if (c.role == TQDB_TIME || std::string_view(c.name) == "minute_utc_ms")
-      return &c;
-  return nullptr;
 }
 
 take_result sqlite_driver::drop_before(int64_t time_ms) {

@@ -20,6 +20,13 @@ std::string all_columns(const table &t) {
   return text;
 }
 
+const column *time_column(const table &t) {
+  for (const column &c : t.columns)
+    if (c.role == TQDB_TIME || std::string_view(c.name) == "minute_utc_ms")
+      return &c;
+  return nullptr;
+}
+
 std::string create_table_sql(const table &t, const sql_types &types, std::string_view ending) {
   std::string text = std::string("CREATE TABLE IF NOT EXISTS ") + t.name + " (testrun " + types.names[TQDB_I32] +
                      " NOT NULL, node " + types.names[TQDB_I32] + " NOT NULL";

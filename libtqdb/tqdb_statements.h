@@ -23,6 +23,9 @@ std::string key_columns(const table &t);
 // "testrun, node, fpi, ...": all columns in their order.
 std::string all_columns(const table &t);
 
+// By which column old rows are removed: a time in ms, or the minute of a sum. Null: by none.
+const column *time_column(const table &t);
+
 // CREATE TABLE IF NOT EXISTS, with the key as its primary key.
 std::string create_table_sql(const table &t, const sql_types &types, std::string_view ending);
 

@@ -168,9 +168,9 @@ std::string view_sql(const view &v, engine kind) {
     source += " AS f1";
   std::string text = std::string("SELECT ") + v.select + " FROM " + source;
   replace(&text, "@HISTOGRAM", sum_of_histogram());
-  replace(&text, "@P50", percentile_sql(0.5, "flowpaths", "longest_ms"));
-  replace(&text, "@P95", percentile_sql(0.95, "flowpaths", "longest_ms"));
-  replace(&text, "@P99", percentile_sql(0.99, "flowpaths", "longest_ms"));
+  replace(&text, "@P50", percentile_sql(0.5, "flowpaths", "longest_ms", nested));
+  replace(&text, "@P95", percentile_sql(0.95, "flowpaths", "longest_ms", nested));
+  replace(&text, "@P99", percentile_sql(0.99, "flowpaths", "longest_ms", nested));
   return text;
 }
 

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Installs what is not there yet on Debian 12. Reasons: docs/dependencies.md.
-#   scripts/install_dependencies.sh [build|test|browser|check]...     build (default): what building the programs takes;
-#                                                            test: also what tests use; browser: also what tests in a
-#                                                            browser use; check: also what CI's checks use
+#   scripts/install_dependencies.sh [build|test|browser|databases|check]...
+# build (default): what building the programs takes; test: also what tests use; browser: also what tests in a browser use;
+# databases: also the servers that tests start; check: also what CI's checks use.
 set -euo pipefail
 
-build=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev libcurl4-openssl-dev ccache mold at)
+build=(g++ cmake ninja-build zlib1g-dev libtbb-dev libjansson-dev libsqlite3-dev libpq-dev libcurl4-openssl-dev ccache mold at)
 test=(libgtest-dev mawk sqlite3)
 browser=(nodejs npm chromium)
+databases=(postgresql clickhouse-server clickhouse-client)
 check=(clang clang-format clang-tidy shellcheck)
 
 packages=("${build[@]}")
@@ -16,6 +17,7 @@ for list in "${@:-build}"; do
     build) ;;
     test) packages+=("${test[@]}") ;;
     browser) packages+=("${browser[@]}") ;;
+    databases) packages+=("${databases[@]}") ;;
     check) packages+=("${check[@]}") ;;
     *) echo "install_dependencies.sh: there is no list $list" >&2; exit 1 ;;
   esac

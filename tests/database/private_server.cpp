@@ -8,7 +8,7 @@
 // It ends at the end of its standard input, at SIGTERM, or with the process that started it. The servers end with it, by
 // whatever way it ends. Without DIR everything lies in a temporary directory that is removed at the end. PostgreSQL does
 // not run as root: a root user's servers run as the account of the package. `cluster` is two ClickHouse servers, on two
-// loopback addresses and the same ports, which know each other as the shards of the cluster "two".
+// loopback addresses and the same HTTP port, which know each other as the shards of the cluster "two".
 #include "wllb_util.h"
 
 #include <arpa/inet.h>
@@ -43,6 +43,8 @@ struct one_server {
   std::string address; // "127.0.0.1"
   std::string directory;
   std::vector<std::string> argv;
+  int tcp_port =
+      0; // ClickHouse: one of its own each, for a server takes every address of this machine with its port for itself
   pid_t pid = -1;
 };
 
@@ -50,7 +52,6 @@ struct engine {
   bool postgresql = false;
   bool durable = false; // writes reach the disk before they are acknowledged
   int port = 0;         // of clients: libpq's, or HTTP
-  int tcp_port = 0;     // ClickHouse: between servers
   uid_t uid = 0;
   gid_t gid = 0;
   std::string directory;
@@ -153,7 +154,7 @@ static bool make_postgresql(engine *e, const std::string &programs) {
   fs::remove(e->directory + "/password");
   const std::string passwords = e->directory + "/passwords";
   put(passwords, std::string("127.0.0.1:*:*:") + user + ":pass word\\: of 'tests'\n", 0600);
-  e->servers = {{"127.0.0.1", data, {}, -1}};
+  e->servers = {{"127.0.0.1", data, {}, 0, -1}};
   e->servers[0].argv = {programs + "postgres",
                         "-D",
                         data,
@@ -170,12 +171,12 @@ static bool make_postgresql(engine *e, const std::string &programs) {
   return made && (geteuid() != 0 || chown(passwords.c_str(), e->uid, e->gid) == 0);
 }
 
-static std::string clickhouse_config(const engine &e, const one_server &server, size_t servers) {
+static std::string clickhouse_config(const engine &e, const one_server &server) {
   std::string shards;
-  for (size_t i = 0; i < servers; ++i)
-    shards += wllb_format("<shard><internal_replication>true</internal_replication><replica><host>127.0.0.%zu</host>"
+  for (const one_server &shard : e.servers)
+    shards += wllb_format("<shard><internal_replication>true</internal_replication><replica><host>%s</host>"
                           "<port>%d</port><user>%s</user><password>%s</password></replica></shard>",
-                          i + 1, e.tcp_port, user, password);
+                          shard.address.c_str(), shard.tcp_port, user, password);
   const char *dir = server.directory.c_str();
   return wllb_format(
       "<?xml version=\"1.0\"?>\n<yandex><logger><level>warning</level><console>1</console></logger>"
@@ -183,25 +184,26 @@ static std::string clickhouse_config(const engine &e, const one_server &server, 
       "<tmp_path>%s/tmp/</tmp_path><users_config>%s/users.xml</users_config><default_profile>default</default_profile>"
       "<default_database>default</default_database><timezone>UTC</timezone><mark_cache_size>67108864</mark_cache_size>"
       "<remote_servers><two>%s</two></remote_servers></yandex>\n",
-      e.port, e.tcp_port, server.address.c_str(), dir, dir, dir, shards.c_str());
+      e.port, server.tcp_port, server.address.c_str(), dir, dir, dir, shards.c_str());
 }
 
 static void make_clickhouse(engine *e, size_t servers) {
   e->servers.clear();
-  for (size_t i = 0; i < servers; ++i) {
-    one_server server = {"127.0.0." + std::to_string(i + 1), e->directory + "/" + std::to_string(i), {}, -1};
+  for (size_t i = 0; i < servers; ++i)
+    e->servers.push_back(
+        {"127.0.0." + std::to_string(i + 1), e->directory + "/" + std::to_string(i), {}, free_port(1), -1});
+  for (one_server &server : e->servers) {
     fs::create_directories(server.directory + "/data");
     fs::create_directories(server.directory + "/tmp");
-    put(server.directory + "/config.xml", clickhouse_config(*e, server, servers), 0600);
+    put(server.directory + "/config.xml", clickhouse_config(*e, server), 0600);
     put(server.directory + "/users.xml",
         std::string("<yandex><profiles><default></default></profiles><users><") + user + "><password>" + password +
             "</password><networks><ip>127.0.0.0/8</ip></networks><profile>default</profile><quota>default</quota></" +
             user + "></users><quotas><default></default></quotas></yandex>\n",
         0600);
     server.argv = {"/usr/sbin/clickhouse-server", "--config-file=" + server.directory + "/config.xml"};
-    e->servers.push_back(server);
   }
-  put(e->directory + "/passwords", std::string("user=") + user + "\npassword=" + password + "\n", 0600);
+  put(e->directory + "/passwords", std::string(user) + ":" + password + "\n", 0600);
 }
 
 // --- starting and ending -----------------------------------------------------------------------------------------------
@@ -231,7 +233,6 @@ static void end_server(one_server *server, int signal) {
 static bool start_all(engine *e, const std::string &programs, size_t servers) {
   for (int tries = 0; tries < 5; ++tries) {
     e->port = free_port(servers);
-    e->tcp_port = free_port(servers);
     if (!e->postgresql)
       make_clickhouse(e, servers);
     else if (e->servers.empty() && !make_postgresql(e, programs))
@@ -266,7 +267,8 @@ static bool make_database(const engine &e, const std::string &programs) {
 static std::string url_of(const engine &e) {
   const std::string port = std::to_string(e.port);
   return e.postgresql ? std::string("postgresql://") + user + "@127.0.0.1:" + port + "/tqp"
-                      : "clickhouse://127.0.0.1:" + port + "/tqp" + (e.servers.size() > 1 ? "?cluster=two" : "");
+                      : "clickhouse://127.0.0.1:" + port + "/tqp?password_file=" + e.directory + "/passwords" +
+                            (e.servers.size() > 1 ? "&cluster=two" : "");
 }
 
 // --- commands ---------------------------------------------------------------------------------------------------------
