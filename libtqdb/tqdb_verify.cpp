@@ -99,11 +99,13 @@ static bool is_compared(const table &t, const column &c) {
 }
 
 static std::string question(const table &t) {
+  // By a signed number: ClickHouse takes a plain one as unsigned, and so a negative dividend.
+  static constexpr char divided[] = " % CAST(2147483647 AS bigint))";
   const bool by_app = t.kind == TQDB_FACT && column_number(t, "app") >= 0;
   std::string text = std::string("SELECT ") + (by_app ? "app" : "0") + ", count(*)";
   for (const column &c : t.columns)
     if (is_compared(t, c))
-      text += std::string(", sum(") + c.name + (c.type == TQDB_F64 ? ")" : " % 2147483647)");
+      text += std::string(", sum(") + c.name + (c.type == TQDB_F64 ? ")" : divided);
   text += std::string(" FROM ") + t.name + " WHERE testrun = ?1 AND node = ?2";
   return by_app ? text + " GROUP BY app" : text;
 }
