@@ -294,6 +294,42 @@ TEST_P(engines, questions_cannot_write_and_keep_their_limits) {
   EXPECT_EQ(cell(int64_t{40}), rows[0][0]);
 }
 
+// Two machines with a daemon each, as two nodes of one test run, and a second test run to compare with.
+TEST_P(engines, questions_of_the_documentation_have_the_same_answers) {
+  const auto run = [](const std::vector<std::string> &argv) {
+    const wllb_run_result result = wllb_run_program(argv);
+    EXPECT_EQ(0, result.exit_status) << argv[0] << ": " << result.output;
+  };
+  const std::string bin = TQP_BINARY_DIR "/";
+  for (const auto &[testrun, node] : {std::pair("1001", "0"), {"1001", "1"}, {"1002", "0"}}) {
+    const std::string work = directory + "/node" + node, seed = std::string(testrun) + node;
+    run({bin + "tq_sample", "--dir", work, "--testrun", testrun, "--seed", seed, "--flowpaths", "100"});
+    run({bin + "tqp", "-t", testrun, "-W", work, "-m", "0"});
+    for (const std::string &url : {"sqlite:" + plain.path, server.url})
+      run({bin + "tqu_db_upload", "--dir", work, "--testrun", testrun, "--node", node, "--blobs", "1", "--database",
+           url});
+  }
+  expect_same(plain, server.target());
+  std::string error;
+  const std::unique_ptr<connection> one = connect(plain, &error), other = connect(server.target(), &error);
+  ASSERT_TRUE(one && other) << error;
+  const std::string docs = wllb_read_small_file(TQP_SOURCE_DIR "/docs/database.md");
+  int questions = 0;
+  for (size_t at = 0; (at = docs.find("```sql\n", at)) != docs.npos; ++questions) {
+    at += 7;
+    const std::string sql = docs.substr(at, docs.find("```", at) - at);
+    cells expected, found;
+    EXPECT_EQ(TQDB_COMPLETE, ask_all(*one, sql, {}, &expected).end) << sql;
+    const answer a = ask_all(*other, sql, {}, &found);
+    EXPECT_EQ(TQDB_COMPLETE, a.end) << a.error << sql;
+    EXPECT_LT(0U, expected.size()) << sql;
+    std::sort(expected.begin(), expected.end()); // rows of two nodes may tie
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(cells_as_text(expected), cells_as_text(found)) << sql;
+  }
+  EXPECT_EQ(10, questions);
+}
+
 INSTANTIATE_TEST_SUITE_P(, engines, testing::Values("postgresql", "clickhouse", "cluster"),
                          [](const auto &engine) { return std::string(engine.param); });
 
