@@ -54,8 +54,8 @@ static std::string take_number(const wllb_option &row, const char *value, bool b
   if (row.as_c_library && by_letter) {
     store_number(row, number);
     if (!whole)
-      fprintf(stderr, "Warning: -%c: '%s' is not a number, %lld is used\n", row.letter, value,
-              static_cast<long long>(row.number32 ? static_cast<int>(number) : number));
+      fprintf(stderr, "%s: warning: -%c: '%s' is not a number, %lld is used\n", program_invocation_short_name,
+              row.letter, value, static_cast<long long>(row.number32 ? static_cast<int>(number) : number));
     return "";
   }
   if (!whole)
@@ -90,7 +90,8 @@ static std::string take_value(const wllb_option &row, const char *value, bool by
   if (row.text)
     *row.text = value;
   if (row.number || row.number32)
-    return take_number(row, value, by_letter);
+    if (const std::string why = take_number(row, value, by_letter); !why.empty())
+      return why;
   if (row.words)
     return take_word(row, value);
   return row.take ? row.take(value ? value : "") : "";
@@ -277,7 +278,103 @@ static void put_row(std::string &out, const wllb_option &row) {
   put_wrapped(out, row_help(row), help_column, help_column);
 }
 
+// --- the same for a manual page ---
+
+std::string wllb_mdoc_lines(std::string_view text) {
+  std::string out, flat(text);
+  std::replace(flat.begin(), flat.end(), '\n', ' ');
+  size_t at = 0; // column
+  for (std::string_view rest = flat; !rest.empty();) {
+    const std::string_view word = wllb_take_piece(&rest, ' ');
+    if (word.empty())
+      continue;
+    if (at > 0 && at + 1 + word.size() > help_width) {
+      out += '\n';
+      at = 0;
+    }
+    if (at > 0)
+      out += ' ';
+    else if (word[0] == '.' || word[0] == '\'')
+      out += "\\&";
+    for (const char c : word)
+      c == '\\' ? out += "\\e" : out += c;
+    at += word.size() + 1;
+    if (word.ends_with('.')) {
+      out += '\n';
+      at = 0;
+    }
+  }
+  if (at > 0)
+    out += '\n';
+  return out;
+}
+
+// One word of a synopsis: "--dir", "-t", "DIR", "[options]".
+static std::string mdoc_word(std::string_view word) {
+  if (word.starts_with("-"))
+    return "Fl " + std::string(word.substr(1));
+  return "Ar " + std::string(word);
+}
+
+static void put_mdoc_synopsis(std::string &out, std::string_view synopsis) {
+  out += ".Sh SYNOPSIS\n.Nm\n";
+  bool in_brackets = false;
+  while (!synopsis.empty()) {
+    std::string_view word = wllb_take_piece(&synopsis, ' ');
+    if (word == "|") {
+      out += ".Nm\n";
+      continue;
+    }
+    const bool opens = word.starts_with('['), closes = word.ends_with(']');
+    word = word.substr(opens ? 1 : 0, word.size() - (opens ? 1 : 0) - (closes ? 1 : 0));
+    const bool goes_on = in_brackets || (!opens && !word.starts_with('-') && !out.ends_with(".Nm\n"));
+    if (goes_on)
+      out.back() = ' ';
+    else
+      out += opens ? ".Op " : ".";
+    out += mdoc_word(word) + "\n";
+    in_brackets = (in_brackets || opens) && !closes;
+  }
+}
+
+static void put_mdoc_row(std::string &out, const wllb_option &row) {
+  if (is_heading(row)) {
+    out += ".El\n.Pp\n";
+    out += wllb_mdoc_lines(row.help);
+    out += ".Bl -tag -width Ds\n";
+    return;
+  }
+  out += ".It";
+  if (row.letter)
+    out += wllb_format(" Fl %c", row.letter);
+  if (row.name)
+    out += wllb_format("%s Fl -%s", row.letter ? " ," : "", row.name);
+  if (row.value)
+    out += wllb_format(" Ar %s", row.value);
+  out += "\n";
+  out += wllb_mdoc_lines(row_help(row) + ".");
+}
+
+static std::string mdoc_text(const wllb_program &program, std::span<const wllb_option> rows) {
+  std::string out;
+  put_mdoc_synopsis(out, program.synopsis);
+  out += ".Sh DESCRIPTION\n";
+  out += wllb_mdoc_lines(program.about);
+  out += ".Bl -tag -width Ds\n";
+  for (const wllb_option &row : rows)
+    if (row.help)
+      put_mdoc_row(out, row);
+  out += ".El\n";
+  if (program.notes) {
+    out += ".Pp\n";
+    out += wllb_mdoc_lines(program.notes);
+  }
+  return out;
+}
+
 std::string wllb_help_text(const wllb_program &program, std::span<const wllb_option> rows) {
+  if (getenv("WLLB_HELP_MDOC")) // NOLINT(concurrency-mt-unsafe): there is one thread
+    return mdoc_text(program, rows);
   std::string out = wllb_format("Usage: %s ", program.name);
   put_wrapped(out, program.synopsis, out.size(), out.size());
   put_wrapped(out, program.about, 0, 0);

@@ -14,10 +14,11 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
-// One option. Exactly one target is set; its value before the reading is the default, and help shows it. A row with help
-// alone is a heading in the help text. Help keeps
-// the order of the rows.
+// One option. It has one target, and `take` beside it where something else must happen, too. What the target holds before
+// the reading is the default, and help shows it. A row with help alone is a heading in the help text, which keeps the
+// order of the rows.
 struct wllb_option {
   const char *name = nullptr;  // "testrun" for --testrun; null: the letter alone
   char letter = 0;             // 't' for -t; 0: the long name alone
@@ -65,9 +66,13 @@ std::optional<int> wllb_read_options(const wllb_program &program, std::span<cons
                                      char **argv);
 
 // The texts of --help (at most 78 columns, but for longer words) and --version, with their newlines. Defaults are read from
-// the targets, so ask before the options are read.
+// the targets, so ask before the options are read. With WLLB_HELP_MDOC in the environment, help is the part of a manual
+// page from SYNOPSIS to the options, in mdoc(7).
 std::string wllb_help_text(const wllb_program &program, std::span<const wllb_option> rows);
 std::string wllb_version_text(const wllb_program &program);
+
+// Plain text as lines for mdoc(7): each sentence begins one, they are short, and none could be taken for a request.
+std::string wllb_mdoc_lines(std::string_view text);
 
 // One line on standard error, "NAME: TEXT; --help explains the options". The exit status of a mistake, 1.
 int wllb_report_mistake(const wllb_program &program, const std::string &text);

@@ -67,9 +67,9 @@ protected:
 
 // The other options are those of the whole program's tests.
 TEST_F(process_frame, options_that_are_no_plain_word_or_flag) {
-  std::vector<std::string> words = {"tqp", "stray",         "-t", "7",           "-I", std::string(99, '1'),
-                                    "-S",  "1795383000123", "-e", "-5000000000", "-V", "_x",
-                                    "-l",  "12ab",          "-T", "topology"};
+  std::vector<std::string> words = {
+      "tqp", "-t",   "7",  "-I",      std::string(99, '1'), "-S", "1795383000123", "-e", "-5000000000", "-V", "_x",
+      "-l",  "12ab", "-T", "topology"};
   std::vector<char *> argv;
   std::string text;
   for (std::string &each : words) {
@@ -78,7 +78,7 @@ TEST_F(process_frame, options_that_are_no_plain_word_or_flag) {
   }
   argv.push_back(nullptr);
   tqp_command_line line;
-  EXPECT_EQ(0, tqp_parse_command_line(static_cast<int>(words.size()), argv.data(), &line));
+  EXPECT_EQ(std::nullopt, tqp_parse_command_line(static_cast<int>(words.size()), argv.data(), &line));
   EXPECT_EQ(text, line.text);
   EXPECT_EQ("7 -5000000000 1795383000123 95 12 " + std::string(64, '1'),
             wllb_format("%d %ld %ld %d %d %s", testidx, g_vex_epoc_diff, g_wl_time_stamp_ms, g_tq_vector_separator,

@@ -38,23 +38,24 @@ static void put_response_body(std::string &out, sample_stream_t &stream, const s
 // Names and values in all their forms: a literal may be empty, and hold ':'.
 static void put_headers(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
   sample_put_side_front(out, 12, fpi);
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_NAME), ":<http://shop.acme.com:8080/>|");
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_NAME), ":<>|");
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_NAME), ':');
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_VALUE), '\n');
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_NAME, HEADER_ORIGIN), ":<http://shop.acme.com:8080/>|");
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_NAME, HEADER_IF_NONE_MATCH), ":<>|");
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_NAME, HEADER_ACCEPT_LANGUAGE), ':');
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_VALUE, 6 + stream.random.below(2)), '\n');
 }
 
 static void put_session(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
   sample_put_side_front(out, 18, fpi);
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_SESSION), ":<guest>\n");
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_SESSION, 0), ":<guest>\n");
 }
 
 // A value that is a header's id instead of a number's text, and one below 0.
 static void put_custom_values(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
   sample_put_side_front(out, 17, fpi);
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), ":1:");
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_VALUE), '|');
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), ":2:<-");
+  constexpr uint32_t level = 4, value = 1, gold = 12; // loyaltyLevel, basketValue; the level
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_CUSTOM, level), ":1:");
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_VALUE, gold), '|');
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_CUSTOM, value), ":2:<-");
   sample_put(out, stream.random.below(1000), ".125>\n");
 }
 
@@ -66,8 +67,8 @@ static void put_arguments(std::string &out, sample_stream_t &stream, const sampl
   sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), ":2:<");
   sample_put(out, stream.random.below(1000), ".5>|1:");
   sample_put(out, any_method(stream), ":arg1:");
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), ":int:");
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_VALUE), '\n');
+  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_CUSTOM), ":String:");
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_VALUE, 6), '\n');
 }
 
 // A method that logged nothing but that it was there, or two values.

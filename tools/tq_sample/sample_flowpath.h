@@ -73,6 +73,9 @@ void sample_put_side_front(std::string &out, int event, const sample_tuple &fpi)
 // The local id of a header's text drawn from those of one use.
 int32_t sample_any_header_id(sample_stream_t &stream, sample_header_use use);
 
+// The local id of the header's text in one place among those of one use.
+int32_t sample_header_id(sample_stream_t &stream, sample_header_use use, uint32_t place);
+
 // 31 or 38, with what was thrown where.
 void sample_put_exception(std::string &out, sample_stream_t &stream, const sample_tuple &fpi, int64_t at_ms,
                           int32_t method_id);

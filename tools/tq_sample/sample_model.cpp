@@ -46,8 +46,8 @@ static constexpr std::string_view header_values[] = {"Mozilla/5.0 (X11; Linux x8
                                                      "max-age=300",
                                                      "shop.acme.example",
                                                      "https://shop.acme.example/cart",
-                                                     "bytes",
-                                                     "keep-alive"};
+                                                     "gold",
+                                                     "/"};
 static constexpr std::string_view custom_names[] = {"customerId", "basketValue", "itemCount", "voucherCode",
                                                     "loyaltyLevel"};
 static constexpr std::string_view session_names[] = {"sessionUser", "sessionCurrency", "sessionLanguage",

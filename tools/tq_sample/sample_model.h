@@ -56,6 +56,30 @@ enum sample_header_use : uint8_t {
   SAMPLE_HEADER_USES
 };
 
+// Places of the header names, in the order of their texts.
+enum sample_header_name : uint8_t {
+  HEADER_USER_AGENT,
+  HEADER_ACCEPT,
+  HEADER_ACCEPT_LANGUAGE,
+  HEADER_ACCEPT_ENCODING,
+  HEADER_HOST,
+  HEADER_REFERER,
+  HEADER_COOKIE,
+  HEADER_CACHE_CONTROL,
+  HEADER_CONTENT_TYPE,
+  HEADER_CONTENT_LENGTH,
+  HEADER_X_FORWARDED_FOR,
+  HEADER_ORIGIN,
+  HEADER_IF_NONE_MATCH,
+  HEADER_ETAG,
+  HEADER_LAST_MODIFIED,
+  HEADER_AUTHORIZATION,
+  HEADER_SET_COOKIE,
+  HEADER_SERVER,
+  HEADER_VARY,
+  HEADER_X_REQUEST_ID
+};
+
 struct sample_tier_t {
   std::string name;
   std::vector<std::string> texts[SAMPLE_KINDS];

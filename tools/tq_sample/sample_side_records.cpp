@@ -17,27 +17,72 @@ void sample_put_side_front(std::string &out, int event, const sample_tuple &fpi)
   sample_put_one(out, ',');
 }
 
-// name:value, the value a header id or a literal in angle brackets, which hold neither ">" nor "|" nor ",".
-static void put_header_items(std::string &out, sample_stream_t &stream, uint32_t count) {
+int32_t sample_header_id(sample_stream_t &stream, sample_header_use use, uint32_t place) {
+  const sample_range &among = stream.tier->headers[use];
+  return sample_any_id(stream, SAMPLE_HEADER, {among.first + place, 1});
+}
+
+// --- headers --------------------------------------------------------------------------------------------------
+
+// A name and what may stand behind it: one of the values that go by an id, or a literal made on the spot.
+struct header_row {
+  sample_header_name name;
+  int8_t value;        // place among the values that go by an id; -1: a literal
+  const char *literal; // its front; a number from below `most` follows when that is above 0
+  uint32_t most;
+};
+
+static constexpr header_row request_headers[] = {
+    {HEADER_USER_AGENT, 0, "", 0},
+    {HEADER_ACCEPT, 2, "", 0},
+    {HEADER_ACCEPT_LANGUAGE, 6, "", 0},
+    {HEADER_ACCEPT_ENCODING, 5, "", 0},
+    {HEADER_HOST, 10, "", 0},
+    {HEADER_REFERER, 11, "", 0},
+    {HEADER_COOKIE, -1, "SESSION=", 1U << 30U},
+    {HEADER_CACHE_CONTROL, 8, "", 0},
+    {HEADER_X_FORWARDED_FOR, -1, "10.1.4.", 250},
+    {HEADER_X_REQUEST_ID, -1, "req-", 1U << 24U},
+    {HEADER_USER_AGENT, 1, "", 0},
+    {HEADER_ACCEPT, 3, "", 0},
+    {HEADER_ACCEPT_LANGUAGE, 7, "", 0},
+};
+
+static constexpr header_row response_headers[] = {{HEADER_CONTENT_TYPE, 4, "", 0},
+                                                  {HEADER_CONTENT_LENGTH, -1, "", 40000},
+                                                  {HEADER_CACHE_CONTROL, 9, "", 0},
+                                                  {HEADER_ETAG, -1, "v-", 100000},
+                                                  {HEADER_SERVER, -1, "AcmeServer/", 9},
+                                                  {HEADER_VARY, -1, "Accept-Encoding", 0},
+                                                  {HEADER_SET_COOKIE, -1, "SESSION=", 1U << 30U}};
+
+// name:value, the value a header id or a literal in angle brackets, which hold neither ">" nor "|" nor ",". Rows follow
+// each other from a random one on.
+template <size_t N>
+static void put_header_items(std::string &out, sample_stream_t &stream, const header_row (&rows)[N], uint32_t count) {
+  const uint32_t first = stream.random.below(static_cast<uint32_t>(N));
   for (uint32_t i = 0; i < count; ++i) {
-    sample_put(out, i > 0 ? "|" : "", sample_any_header_id(stream, SAMPLE_HEADER_NAME), ':');
-    if (stream.random.chance(60))
-      sample_put_one(out, sample_any_header_id(stream, SAMPLE_HEADER_VALUE));
+    const header_row &row = rows[(first + i) % N];
+    sample_put(out, i > 0 ? "|" : "", sample_header_id(stream, SAMPLE_HEADER_NAME, row.name), ':');
+    if (row.value >= 0)
+      sample_put_one(out, sample_header_id(stream, SAMPLE_HEADER_VALUE, static_cast<uint32_t>(row.value)));
+    else if (row.most > 0)
+      sample_put(out, '<', row.literal, stream.random.below(row.most), '>');
     else
-      sample_put(out, "<req-", stream.random.next() & 0xffffffU, '>');
+      sample_put(out, '<', row.literal, '>');
   }
 }
 
 void sample_put_request_headers(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
   sample_put_side_front(out, 12, fpi);
-  put_header_items(out, stream, stream.random.between(2, 6));
+  put_header_items(out, stream, request_headers, stream.random.between(2, 6));
   sample_put_one(out, '\n');
 }
 
 static void put_response_headers(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
   sample_put_side_front(out, 13, fpi);
   sample_put(out, stream.random.chance(95) ? 200 : 404, ',');
-  put_header_items(out, stream, stream.random.between(1, 4));
+  put_header_items(out, stream, response_headers, stream.random.between(1, 4));
   sample_put_one(out, '\n');
 }
 
@@ -61,9 +106,9 @@ static void put_custom_data(std::string &out, sample_stream_t &stream, const sam
 
 static void put_session_attributes(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {
   sample_put_side_front(out, 18, fpi);
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_SESSION), ":<user-");
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_SESSION, 0), ":<user-");
   sample_put(out, stream.random.below(5000), ">|");
-  sample_put(out, sample_any_header_id(stream, SAMPLE_HEADER_SESSION), ":<EUR>\n");
+  sample_put(out, sample_header_id(stream, SAMPLE_HEADER_SESSION, 1), ":<EUR>\n");
 }
 
 static void put_method_arguments(std::string &out, sample_stream_t &stream, const sample_tuple &fpi) {

@@ -5,6 +5,7 @@
 //   Failure none
 // Classic form: an entry and an exit token per method, each field ended by "_".
 // Exit form: one token per finished method, fields parted by "_", the token ended by "|".
+#include <optional>
 #include <vector>
 
 #include "sample_flowpath.h"
@@ -15,7 +16,8 @@ struct open_method {
   int32_t id;
   int32_t page;
   int64_t entered; // ms since the segment's start
-  int64_t cpu;
+  int64_t cpu;     // ms, with the methods below it; what callouts took is not in it
+  int64_t waited;  // the walk's, when it was entered
   int start_seq;
   bool async; // entered on behalf of another thread's call
 };
@@ -30,9 +32,10 @@ struct sample_walk {
   std::vector<open_method> open;
   std::vector<size_t> new_strands; // started by tokens of the piece
   int64_t t;                       // ms since the segment's start
-  int64_t cpu;
-  int seq; // numbers entries, exits and callouts
-  uint32_t left, finished;
+  int64_t cpu;                     // of the segment's first method, when it has ended
+  int64_t waited;                  // ms that callouts took so far
+  int seq;                         // numbers entries, exits and callouts
+  uint32_t left;
   bool with_seq; // this agent tells the numbers of entries and exits
 };
 
@@ -72,6 +75,11 @@ static void cut_long_piece(sample_walk &walk) {
 
 // --- callouts -------------------------------------------------------------------------------------------------
 
+static void wait_for(sample_walk &walk, uint32_t ms) {
+  walk.t += ms;
+  walk.waited += ms;
+}
+
 static int32_t method_of(const sample_walk &walk, sample_layer layer) {
   return sample_any_id(*walk.stream, SAMPLE_METHOD, walk.stream->tier->layers[layer]);
 }
@@ -95,7 +103,7 @@ static void put_callout_front(sample_walk &walk, const callout_words &words) {
   else
     sample_put(walk.piece, '-');
   sample_put(walk.piece, ':', walk.t);
-  walk.t += (tenths + 9) / 10;
+  wait_for(walk, (tenths + 9) / 10);
 }
 
 static void put_resource(sample_walk &walk, sample_range among) {
@@ -107,7 +115,10 @@ static void put_db_callout(sample_walk &walk) {
   const int32_t sql_id = sample_any_id(*walk.stream, kind);
   if (walk.random->chance(12)) { // several calls of one kind, told as a sum
     sample_put(walk.piece, 'G', method_of(walk, SAMPLE_BACKEND_DB), ":2:", sql_id, ':');
-    sample_put(walk.piece, walk.random->between(2, 40), ":1:9:60:3:0", token_end(walk));
+    const uint32_t count = walk.random->between(2, 40), each = walk.random->between(1, 4);
+    const uint32_t total = count * each + count / 2; // half of them take a millisecond more
+    sample_put(walk.piece, count, ':', each, ':', each + 1, ':', total, ":3:0", token_end(walk));
+    wait_for(walk, total);
     return;
   }
   put_callout_front(walk, {'T', ++walk.seq, SAMPLE_BACKEND_DB, 2, 400, 2, sql_id});
@@ -131,7 +142,9 @@ static void put_queue_callout(sample_walk &walk) {
 
 static void put_cache_calls(sample_walk &walk) {
   sample_put(walk.piece, 'C', method_of(walk, SAMPLE_CACHE), ":1:2:");
-  sample_put(walk.piece, walk.random->between(1, 20), ":1:4:11:0", token_end(walk));
+  const uint32_t count = walk.random->between(1, 20);
+  sample_put(walk.piece, count, ":1:1:", count, ":0", token_end(walk));
+  wait_for(walk, count);
 }
 
 // A call of an instance of the next tier, whose flowpath begins while this one waits. False: nobody there takes it.
@@ -181,9 +194,8 @@ static sample_segment side_segment(const sample_walk &walk, int number) {
   return side;
 }
 
-// Hands work to another thread. The classic form announces the new segment with "x"; the exit form has no such word,
-// so there the new segment's header must come before this segment's last record, which a cut makes sure of.
-static void start_side_segment(sample_walk &walk) {
+// Hands work to another thread: writes the token, and gives the segment that begins there.
+static sample_segment announce_side_segment(sample_walk &walk) {
   const bool exit_form = walk.segment->exit_form;
   const int number = ++walk.seq;
   if (walk.random->chance(50)) {
@@ -194,9 +206,14 @@ static void start_side_segment(sample_walk &walk) {
   }
   sample_put_one(walk.piece, token_end(walk));
   --walk.segment->flowpath->side_segments_left;
-  sample_segment side = side_segment(walk, number);
-  side.strand = static_cast<int>(add_strand(walk, !exit_form));
-  if (exit_form)
+  return side_segment(walk, number);
+}
+
+// The classic form announces the new segment with "x"; the exit form has no such word, so there the new segment's header
+// must come before this segment's last record, which a cut makes sure of.
+static void write_side_segment(sample_walk &walk, sample_segment side) {
+  side.strand = static_cast<int>(add_strand(walk, !walk.segment->exit_form));
+  if (walk.segment->exit_form)
     cut_piece(walk);
   sample_write_segment(side);
 }
@@ -226,14 +243,22 @@ static void start_async_call(sample_walk &walk) {
 
 // --- methods --------------------------------------------------------------------------------------------------
 
+// Time that the innermost method itself takes, all or part of it on the processor.
+static void work_on(sample_walk &walk, uint32_t most_ms) {
+  const uint32_t ms = walk.random->below(most_ms);
+  walk.t += ms;
+  if (!walk.open.empty())
+    walk.open.back().cpu += walk.random->between(ms / 2, ms);
+}
+
 static void enter_method(sample_walk &walk, sample_layer layer) {
   open_method method = {};
   method.id = method_of(walk, layer);
   if (layer == SAMPLE_ENTRY && walk.random->chance(70))
     method.page = sample_any_id(*walk.stream, SAMPLE_ARG);
-  walk.t += walk.random->below(4);
+  work_on(walk, 4);
   method.entered = walk.t;
-  method.cpu = walk.random->below(3);
+  method.waited = walk.waited;
   method.start_seq = ++walk.seq;
   method.async = walk.random->below(60) == 0;
   walk.open.push_back(method);
@@ -251,15 +276,14 @@ static void enter_method(sample_walk &walk, sample_layer layer) {
 }
 
 static void leave_method(sample_walk &walk, bool thrown, int32_t sql_id) {
-  walk.t += walk.random->below(3);
+  work_on(walk, 3);
   const open_method method = walk.open.back();
   const int64_t depth = static_cast<int64_t>(walk.open.size());
   walk.open.pop_back();
   ++walk.seq;
-  ++walk.finished;
-  walk.cpu += method.cpu;
+  (walk.open.empty() ? walk.cpu : walk.open.back().cpu) += method.cpu;
   const int64_t duration = walk.t - method.entered;
-  const int64_t wait = duration > 20 ? duration / 5 : 0;
+  const int64_t wait = (walk.waited - method.waited) / 2;
   if (walk.segment->exit_form) {
     sample_put(walk.piece, method.id, ':', walk.thread, method.async ? ":1_1:" : "_1:", method.start_seq, ':', walk.seq,
                '_', depth, '_', method.entered, ':', duration, '_', method.page, '_', method.cpu, ':', wait,
@@ -292,7 +316,7 @@ static void put_callout_of(sample_walk &walk, sample_layer layer, bool thrown) {
     put_http_callout(walk, thrown);
 }
 
-// A method that ends in a callout. The exit form tells a callout behind the method that has just ended.
+// A method that ends in a callout. In the exit form the callout's token follows that of its method.
 static void visit_leaf(sample_walk &walk) {
   static constexpr sample_layer layers[] = {SAMPLE_INNER, SAMPLE_INNER, SAMPLE_INNER,  SAMPLE_INNER,
                                             SAMPLE_STORE, SAMPLE_STORE, SAMPLE_CLIENT, SAMPLE_CACHE};
@@ -301,11 +325,14 @@ static void visit_leaf(sample_walk &walk) {
   enter_method(walk, layer);
   const int32_t method_id = walk.open.back().id;
   const int32_t sql_id = layer == SAMPLE_STORE && walk.random->chance(20) ? sample_any_id(*walk.stream, SAMPLE_SQL) : 0;
-  if (!walk.segment->exit_form)
-    put_callout_of(walk, layer, thrown);
-  leave_method(walk, thrown, sql_id);
+  std::string callout;
   if (walk.segment->exit_form)
-    put_callout_of(walk, layer, thrown);
+    callout.swap(walk.piece);
+  put_callout_of(walk, layer, thrown);
+  if (walk.segment->exit_form)
+    callout.swap(walk.piece);
+  leave_method(walk, thrown, sql_id);
+  walk.piece += callout;
   if (thrown) {
     sample_strand &strand = strand_of(walk);
     sample_put_exception(strand.bytes, *walk.stream, walk.segment->fpi, walk.segment->start_ms + walk.t, method_id);
@@ -313,13 +340,29 @@ static void visit_leaf(sample_walk &walk) {
   }
 }
 
+// In the exit form a method of its own starts the work, since its token must stand before the work's.
 static void start_other_work(sample_walk &walk) {
-  if (walk.segment->exit_form && walk.finished == 0)
-    return; // nothing yet that a callout could stand behind
-  if (walk.segment->flowpath->side_segments_left > 0)
-    start_side_segment(walk);
-  else if (walk.segment->header_event == 2 && walk.random->chance(15))
+  const bool exit_form = walk.segment->exit_form;
+  const bool segment = walk.segment->flowpath->side_segments_left > 0;
+  if (!segment && (walk.segment->header_event != 2 || !walk.random->chance(15)))
+    return;
+  std::string token;
+  if (exit_form) {
+    enter_method(walk, SAMPLE_INNER);
+    token.swap(walk.piece);
+  }
+  std::optional<sample_segment> side;
+  if (segment)
+    side = announce_side_segment(walk);
+  else
     start_async_call(walk);
+  if (exit_form) {
+    token.swap(walk.piece);
+    leave_method(walk, false, 0);
+    walk.piece += token;
+  }
+  if (side)
+    write_side_segment(walk, *side);
 }
 
 static void walk_tree(sample_walk &walk) {
@@ -382,7 +425,7 @@ static void end_segment(sample_walk &walk) {
   result.status = walk.random->chance(96) ? 200 : 500;
   result.category = walk.t > 2000 ? 12 : walk.t > 800 ? 11 : 10;
   result.cpu_ms = walk.cpu;
-  result.wait_ms = walk.t / 10;
+  result.wait_ms = walk.waited / 2;
   result.response_ms = walk.t;
   result.url_id = walk.random->chance(50) ? segment.url_id : 0;
   result.tag_id = walk.random->chance(80) ? -1 : sample_tag_set(segment.fpi.main);

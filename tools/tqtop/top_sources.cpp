@@ -105,7 +105,7 @@ int64_t top_count_lines(const std::string &path, int64_t from, int64_t to) {
 
 // --- samples -----------------------------------------------------------------------------------------------------
 
-const char *const top_error_names[top_error_kinds] = {"no entry", "times", "bad data", "large", "dead"};
+const char *const top_error_names[top_error_kinds] = {"no entry", "bad time", "bad record", "large", "dead"};
 
 // Which numbers of an instance's sample, from 0, they are.
 static constexpr int error_columns[top_error_kinds] = {0, 1, 2, 4, 8};

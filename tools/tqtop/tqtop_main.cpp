@@ -3,28 +3,29 @@
 //   Out     text on standard output; on a terminal each picture replaces the one before
 //   Thread  one
 //   Failure exit status 1 and a line on standard error: a bad option, no daemon, no answer
-#include "top_sources.h"
+#include "top_view.h"
 
 #include "wllb_alloc.h"
 #include "wllb_options.h"
 #include "wllb_util.h"
 
 #include <chrono>
-#include <cstdlib>
+#include <csignal>
+#include <functional>
+#include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
-static constexpr wllb_program program = {
+static const wllb_program program = {
     .name = "tqtop",
     .synopsis = "--dir DIR --testrun N [options]",
     .about = "Shows what the daemon that works on DIR/logs/TR<N> is doing, an instance a line.",
-    .notes = "lag: bytes of the present raw file not yet read; parts: partitions still to come;\n"
-             "lines/s, flowpaths/s: over the interval, flowpaths by their rows, which come in\n"
-             "batches; errors: since the sample before; -: not known\n"};
+    .notes = top_legend};
 
 struct top_options {
   std::string dir, samples;
   int64_t testrun = -1, interval = 2, rounds = INT64_MAX;
-  bool open = false;
+  bool open = false, json = false;
 };
 
 // What is remembered of an instance to tell its speed.
@@ -52,93 +53,146 @@ static int64_t gained(const top_position &was, const top_position &is, int64_t f
   return top_count_lines(path(was.partition), from, INT64_MAX) + top_count_lines(path(is.partition), 0, to);
 }
 
-static std::string number_or_dash(bool known, int64_t number) {
-  return known ? std::to_string(number) : "-";
-}
-
-static void put_heading(const top_options &options) {
-  printf("%-32s %14s %12s %5s %9s %11s", "instance", "partition", "lag", "parts", "lines/s", "flowpaths/s");
-  if (options.open)
-    printf(" %6s", "open");
-  for (const char *name : top_error_names)
-    printf(" %8s", name);
-  putchar('\n');
-}
-
 struct top_picture {
   std::vector<top_position> positions;
   top_marks was, is;
-  double seconds;
+  double seconds = 0;
   std::map<std::string, top_errors> errors;
   std::map<std::string, int64_t> open;
 };
 
-static void put_instance(const top_run &run, const top_options &options, const top_picture &picture,
-                         const top_position &p) {
+static top_row row_of(const top_run &run, const top_picture &picture, const top_position &p) {
+  top_row row = {.instance = p.name, .partition = p.partition, .partitions_left = p.remaining};
+  if (p.file_size >= p.processed)
+    row.lag = p.file_size - p.processed;
   const auto before = picture.was.find(p.name);
-  std::string lines = "-", flowpaths = "-";
-  if (before != picture.was.end()) {
+  if (before != picture.was.end() && picture.seconds > 0) {
     const top_mark &was = before->second;
     const auto raw = [&](const std::string &partition) { return top_raw_file(run, partition, p.name); };
     const auto rows = [&](const std::string &partition) { return top_flowpath_file(run, partition, p.name); };
     const auto line_count = gained(was.position, p, was.position.processed, p.processed, raw);
     const auto row_count = gained(was.position, p, was.flowpath_bytes, picture.is.at(p.name).flowpath_bytes, rows);
-    lines = wllb_format("%.0f", static_cast<double>(line_count) / picture.seconds);
-    flowpaths = wllb_format("%.1f", static_cast<double>(row_count) / picture.seconds);
+    row.lines = static_cast<double>(line_count) / picture.seconds;
+    row.flowpaths = static_cast<double>(row_count) / picture.seconds;
   }
-  printf("%-32s %14s %12lld %5lld %9s %11s", p.name.c_str(), p.partition.c_str(),
-         static_cast<long long>(p.file_size - p.processed), static_cast<long long>(p.remaining), lines.c_str(),
-         flowpaths.c_str());
-  if (options.open) {
-    const auto open = picture.open.find(p.name);
-    printf(" %6s", number_or_dash(open != picture.open.end(), open == picture.open.end() ? 0 : open->second).c_str());
-  }
-  const auto errors = picture.errors.find(p.name);
-  for (size_t i = 0; i < top_error_kinds; ++i)
-    printf(
-        " %8s",
-        number_or_dash(errors != picture.errors.end(), errors == picture.errors.end() ? 0 : errors->second[i]).c_str());
-  putchar('\n');
+  if (const auto open = picture.open.find(p.name); open != picture.open.end())
+    row.open = open->second;
+  if (const auto errors = picture.errors.find(p.name); errors != picture.errors.end())
+    row.errors = errors->second;
+  return row;
 }
 
-static void put_picture(const top_run &run, const top_options &options, const top_picture &picture) {
-  if (isatty(STDOUT_FILENO))
-    fputs("\033[H\033[2J", stdout);
-  printf("tqp %d, %s, %zu instances\n", static_cast<int>(run.pid), wllb_local_time_text("%H:%M:%S", wllb_now()).c_str(),
-         picture.positions.size());
-  put_heading(options);
+static void put_picture(const top_run &run, const top_options &options, const top_picture &picture, bool explained) {
+  std::vector<top_row> rows;
   for (const top_position &p : picture.positions)
-    put_instance(run, options, picture, p);
+    rows.push_back(row_of(run, picture, p));
+  if (options.json) {
+    fputs(top_json(run.pid, rows).c_str(), stdout);
+  } else {
+    if (isatty(STDOUT_FILENO))
+      fputs("\033[H\033[2J", stdout);
+    fputs(top_table(run.pid, rows).c_str(), stdout);
+    if (explained)
+      printf("\n%s", top_legend);
+    else if (isatty(STDIN_FILENO) && isatty(STDOUT_FILENO))
+      fputs("? explains the headings, q leaves\n", stdout);
+  }
   fflush(stdout);
 }
+
+// --- keys of the terminal ----------------------------------------------------------------------------------------
+
+// Lets keys through one by one while it lives. Nothing happens where there is no terminal, or the process is in the
+// background, where a change of the terminal would stop it.
+class top_keys {
+public:
+  top_keys() {
+    if (!isatty(STDIN_FILENO) || tcgetpgrp(STDIN_FILENO) != getpgrp() || tcgetattr(STDIN_FILENO, &before) != 0)
+      return;
+    termios by_key = before;
+    by_key.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+    changed = tcsetattr(STDIN_FILENO, TCSANOW, &by_key) == 0;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+      ::signal(signal, [](int number) { // all of it may be called there
+        put_back();
+        _exit(128 + number);
+      });
+  }
+
+  ~top_keys() { put_back(); }
+
+  top_keys(const top_keys &) = delete;
+  top_keys &operator=(const top_keys &) = delete;
+
+  // The next key within `ms`; 0: none, or no terminal.
+  static char wait(int ms) {
+    pollfd key = {changed ? STDIN_FILENO : -1, POLLIN, 0};
+    char c = 0;
+    if (poll(&key, 1, ms) == 1 && read(STDIN_FILENO, &c, 1) == 1)
+      return c;
+    return 0;
+  }
+
+private:
+  static void put_back() {
+    if (changed)
+      tcsetattr(STDIN_FILENO, TCSANOW, &before);
+  }
+
+  static inline termios before = {}; // there is one terminal
+  static inline bool changed = false;
+};
 
 static double seconds_now() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-// Exit status. The first look only marks where everything stands: rates need two.
-static int show_rounds(top_run &run, const top_options &options) {
-  top_picture picture = {};
-  if (!top_ask_status(run, &picture.positions)) {
-    fputs("The daemon gives no answer\n", stderr);
-    return 1;
+// Waits for the interval, or until a key asks for something. False: the user leaves.
+static bool wait_for_next(const top_options &options, const std::function<void(bool)> &repaint) {
+  const double until = seconds_now() + static_cast<double>(options.interval);
+  bool explained = false;
+  for (double left; (left = until - seconds_now()) > 0;) {
+    const char key = top_keys::wait(static_cast<int>(left * 1000) + 1);
+    if (key == 'q')
+      return false;
+    if (key == '?')
+      repaint(explained = !explained);
   }
+  return true;
+}
+
+static int report(const std::string &text) {
+  fprintf(stderr, "tqtop: %s\n", text.c_str());
+  return 1;
+}
+
+// Exit status. The first look only marks where everything stands, since rates need two; on a terminal it is shown all the
+// same.
+static int show_rounds(top_run &run, const top_options &options) {
+  const top_keys keys;
+  top_picture picture = {};
+  if (!top_ask_status(run, &picture.positions))
+    return report(wllb_format("the daemon (pid %d) gives no answer", static_cast<int>(run.pid)));
   double last = seconds_now();
   picture.is = mark(run, picture.positions);
+  const auto repaint = [&](bool explained) { put_picture(run, options, picture, explained); };
+  if (isatty(STDOUT_FILENO) && !options.json)
+    repaint(false);
   for (int64_t round = 0; round < options.rounds; ++round) {
-    sleep(static_cast<unsigned>(options.interval)); // NOLINT(concurrency-mt-unsafe): there is one thread
+    if (!wait_for_next(options, repaint))
+      return 0;
     picture.was = std::move(picture.is);
-    if (!top_ask_status(run, &picture.positions)) {
-      fputs(top_find_daemon(run) == run.pid ? "The daemon gives no answer\n" : "The daemon has left\n", stderr);
-      return 1;
-    }
+    if (!top_ask_status(run, &picture.positions))
+      return report(wllb_format(top_find_daemon(run) == run.pid ? "the daemon (pid %d) gives no answer"
+                                                                : "the daemon (pid %d) has left",
+                                static_cast<int>(run.pid)));
     picture.is = mark(run, picture.positions);
     picture.seconds = seconds_now() - last;
     last += picture.seconds;
     picture.errors = top_read_samples(options.samples);
     if (options.open)
       picture.open = top_ask_open_flowpaths(run, picture.positions);
-    put_picture(run, options, picture);
+    repaint(false);
   }
   return 0;
 }
@@ -157,6 +211,7 @@ static std::vector<wllb_option> option_rows(top_options &o) {
   {.name = "rounds", .value = "N", .help = "so many pictures", .default_text = "no end", .number = &o.rounds, .min = 1},
   {.name = "samples", .value = "FILE", .help = "errors by kind from the newest health samples in this file",
    .default_text = "monitor_samples.txt of the test run, where tq_sample --online keeps them", .text = &o.samples},
+  {.name = "json", .help = "pictures as lines of JSON; null: not known (yet)", .flag = &o.json},
   {.name = "open", .help = "counts the flowpaths in flight, too: the daemon dumps them for it", .flag = &o.open},
       // clang-format on
   };
@@ -172,9 +227,7 @@ int main(int argc, char **argv) {
   run.pid = top_find_daemon(run);
   if (options.samples.empty())
     options.samples = run.base + "/monitor_samples.txt";
-  if (run.pid == 0) {
-    fprintf(stderr, "No daemon works on %s\n", run.base.c_str());
-    return 1;
-  }
+  if (run.pid == 0)
+    return report("no tqp works on " + run.base);
   return show_rounds(run, options);
 }

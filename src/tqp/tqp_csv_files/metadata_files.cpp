@@ -8,6 +8,7 @@
 //           User-Agent,3               (TQHTTPHeaderMetaData.csv and TQFPSignature.csv: text first)
 
 #include "metadata_rows.h"
+#include "wllb_fail.h"
 
 #include <atomic>
 #include <iterator>
@@ -172,8 +173,8 @@ bool tqp_append_metadata_row(tqp_instance_t *inst, int idx, std::string_view row
   printf(
       "TQP Partition based Processing Error: New meta data discovered in Partition %lld for Instance = %s with Event id = %d for Meta data = %s. \n You still wants To Reprocess partition please follow following steps:- \n 1. Change name of TQP binary.\n 2. Find TQP pid which was started by TQC.\n 3. Send kill -15 signal to that pid. \n 4. Wait till exit that pid of TQP. \n 5. Now rerun this command for TQP partition based processing with an extra argument i.e <-f 1> which referes to write new generated meta data id in csv.\n",
       static_cast<long long>(inst->partition_idx.load()), inst->tier_server_app_name, event_id, text);
-  fflush(stdout);
-  wllb_exit(-1);
+  wllb_fail(-1, "new metadata in partition %lld for instance %s of %s; -f 1 lets an offline run add it",
+            static_cast<long long>(inst->partition_idx.load()), inst->tier_server_app_name, base_dir.c_str());
 }
 
 void tqp_check_offline_metadata(tqp_instance_t *inst, int event_id, const char *text) {

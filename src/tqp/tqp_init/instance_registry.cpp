@@ -10,6 +10,7 @@
 #include "tqp_csv_files.h"
 #include "tqp_init.h"
 #include "tqp_stat_mon.h"
+#include "wllb_fail.h"
 
 #include <algorithm>
 #include <cstring>
@@ -69,7 +70,7 @@ static void make_pool(int with_headroom, int raw_files) {
                    1) != 0 ||
       wllb_mp_create(&tqp_instance_pool) != 0) {
     wllb_trace(1, "Error", "Error in initializing memory pool for TQP instances");
-    wllb_exit(1);
+    wllb_fail(1, "the memory pool for %d instances cannot be made", tqp_num_tqp_instances_init);
   }
   mempool_size = tqp_num_tqp_instances_init;
 }
@@ -78,7 +79,7 @@ static void make_name_table(int names) {
   wllb_hold hold(key_tsa_name_mutex);
   if (wllb_init_norm_id_table(&key_tsa_name, names) != 0) {
     wllb_trace(1, "Error", "Error in initializing hashmap for key_tsa_name");
-    wllb_exit(1);
+    wllb_fail(1, "the table for the names of %d instances cannot be made", names);
   }
   hashmap_size = names;
 }
@@ -179,7 +180,8 @@ void tqp_start_instance(tqp_instance_t *inst) {
   if (error == 0)
     return;
   wllb_trace(1, "Error", "ERROR creating thread #%d; return code from pthread_create() is %d", inst->jvmid, error);
-  wllb_exit(-1);
+  wllb_fail(-1, "the thread of instance %s cannot be started: %s", inst->tier_server_app_name,
+            wllb_strerror(error).c_str());
 }
 
 void tqp_release_instance(tqp_instance_t *inst) {

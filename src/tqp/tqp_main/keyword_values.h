@@ -94,6 +94,7 @@ extern int tqp_max_callout_len_allowed_in_kb; // KB
 extern int tqp_add_pid_to_cgroups;
 extern int tqp_copy_recovery_files;
 extern int tqp_print_summary_report;
+extern int tqp_metrics_file_sec; // s between two writes of the metrics file; 0: none
 extern int tqp_enable_string_similarity_for_sql;
 extern double tqp_sql_query_similarity_percentage; // no reader
 

@@ -5,13 +5,16 @@
 //   Thread  main
 //   Failure a step that cannot be done ends the process with its status: 1 for options, keywords and discovery, else -1
 
+#include "keyword_check.h"
 #include "output_wait.h"
 #include "process_frame.h"
+#include "service_report.h"
 #include "tag_ids.h"
 #include "tqp_fp_stats_mon.h"
 #include "tqp_init.h"
 #include "tqp_parse_keywords.h"
 #include "upload_child.h"
+#include "wllb_fail.h"
 #include "wllb_partition.h"
 
 #include <algorithm>
@@ -54,19 +57,19 @@ static void save_pid_when_online() {
 static void take_epoch_diff(const tqp_command_line &given) {
   if (g_vex_epoc_diff || wllb_read_epoch_diff(base_dir.c_str(), &g_vex_epoc_diff) || given.has_epoch_diff)
     return;
-  fprintf(stderr, "Error: '%s' is missing or holds no number, and no epoch difference is given with -e\n",
-          wllb_epoch_diff_path(base_dir.c_str()).c_str());
-  wllb_exit(-1);
+  wllb_fail(-1, "'%s' is missing or holds no number, and no epoch difference is given with -e",
+            wllb_epoch_diff_path(base_dir.c_str()).c_str());
 }
 
 static void read_keywords() {
   const std::string path = tqp_find_keyword_file();
   std::string err_msg;
   if (read_config_file_and_parse_tq_keywords(path.c_str(), &err_msg) >= 0)
-    return;
+    return kw_warn_of_findings(path.c_str());
   wllb_trace(1, "Error", "Error: Could not read tq.conf for parsing keywords: file path: '%s', Error: '%s'",
              path.c_str(), err_msg.c_str());
-  wllb_exit(1);
+  wllb_fail(1, "keyword file %s: %s", path.c_str(),
+            wllb_is_regular_file(path.c_str()) ? err_msg.c_str() : "it is missing, or no plain file");
 }
 
 // Whole polls of a second first, then seconds: an interval above a second gives 0.
@@ -93,7 +96,7 @@ static void discover_instances() {
   if (tqp_discover_instances(0) >= 0)
     return;
   wllb_trace(1, "Error", "Error in discover instance");
-  wllb_exit(1);
+  wllb_fail(1, "the instances of %s cannot be discovered; the trace log says why", base_dir.c_str());
 }
 
 static void start_upload_child() {
@@ -135,7 +138,8 @@ static int open_wait() {
 static void find_test_run(int argc, char **argv, tqp_command_line *given) {
   tqp_start_signals();
   note_the_start();
-  end_unless_done(tqp_parse_command_line(argc, argv, given));
+  if (const auto status = tqp_parse_command_line(argc, argv, given))
+    wllb_exit(*status);
   end_unless_done(tqp_take_working_directory(*given));
   open_trace_log();
   form_base_dir();
@@ -145,6 +149,7 @@ static void find_test_run(int argc, char **argv, tqp_command_line *given) {
   read_owner_group();
   get_machine_config(&machine_mode);
   tqp_find_partitions();
+  tqp_warn_of_starting_over();
   init_folly_hash();
 }
 
@@ -179,6 +184,7 @@ int main(int argc, char **argv) {
   configure(given);
   begin_work(given);
   const int epfd = open_wait();
+  tqp_start_service_report();
   tqp_main_loop(epfd);
   tqp_shutdown(epfd);
   return 0;

@@ -12,6 +12,8 @@
 #include "process_sockets.h"
 #include "tqp_main.h"
 
+#include <optional>
+
 // --- command line (command_line.cpp) -------------------------------------------------------------------------------
 
 // What the arguments say beside the globals of process_state.h.
@@ -23,9 +25,9 @@ struct tqp_command_line {
   bool has_epoch_diff = false;       // -e was given, be it 0
 };
 
-// Reads the arguments into `out` and the globals. 0; else the usage is on standard output and the process has to end:
-// 1 for an unknown option or a missing argument, -1 when -t was not given exactly once.
-int tqp_parse_command_line(int argc, char **argv, tqp_command_line *out);
+// Reads the arguments into `out` and the globals. Nothing, or the status that the process has to end with: 0 after --help
+// and --version, 1 for a mistake, -1 when -t was not given exactly once.
+std::optional<int> tqp_parse_command_line(int argc, char **argv, tqp_command_line *out);
 
 // Sets wl_wdir from -W, which is exported as WL_WDIR, or from WL_WDIR. -1 when there is neither.
 int tqp_take_working_directory(const tqp_command_line &given);
@@ -53,6 +55,9 @@ void tqp_set_newest_partition(int64_t partition);
 
 // The newest partition and the lower bound for resuming, from the command line or the test run.
 void tqp_find_partitions();
+
+// One warning when -r 0 meets partitions that are done.
+void tqp_warn_of_starting_over();
 
 // Path of the keyword file in the profile directory that changed last; nothing says that it exists.
 std::string tqp_find_keyword_file();

@@ -8,6 +8,7 @@
 
 #include "process_wake.h"
 #include "tqp_main.h"
+#include "wllb_fail.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -20,7 +21,7 @@ int tqp_epoll_init(int /*size*/) {
   const int epfd = epoll_create1(EPOLL_CLOEXEC);
   if (epfd < 0) {
     wllb_trace(1, "Error", "tqp_epoll_init, epoll_create: err = %s", wllb_strerror(errno).c_str());
-    wllb_exit(-1);
+    wllb_fail(-1, "epoll_create: %s", wllb_strerror(errno).c_str());
   }
   return epfd;
 }

@@ -9,6 +9,7 @@
 #include "control_channel.h"
 #include "tqp_fp_stats_mon.h"
 #include "tqp_stat_mon.h"
+#include "wllb_fail.h"
 
 #include <pthread.h>
 
@@ -38,7 +39,7 @@ static void start(const service_row &row, service_thread *thread) {
   const int error = pthread_create(&thread->id, nullptr, row.entry, nullptr);
   if (error != 0) {
     wllb_trace(1, "Error", "Error in pthread_create, errno = %d, error = '%s'", error, wllb_strerror(error).c_str());
-    wllb_exit(-1);
+    wllb_fail(-1, "thread %s cannot be started: %s", row.name, wllb_strerror(error).c_str());
   }
   thread->started = true;
   pthread_setname_np(thread->id, row.name);

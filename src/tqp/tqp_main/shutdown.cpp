@@ -5,6 +5,7 @@
 //   Failure nothing here stops the rest from being done
 
 #include "process_frame.h"
+#include "service_report.h"
 #include "tag_ids.h"
 #include "tqp_init.h"
 #include "tqp_process_data.h"
@@ -82,9 +83,11 @@ void tqp_shutdown(int epfd) {
   tqp_wait_for_instance_threads(epfd);
   tqp_join_service_threads();
   tqp_wait_for_instance_threads(epfd); // the control thread may have started one meanwhile
+  tqp_note_stopping(); // only now: without a parent the wait is the work
   close(epfd);
   end_with_upload_child();
   tq_close();
+  tqp_end_service_report();
   tqp_free_registry();
   tqp_free_norm_table();
   close_done_file();

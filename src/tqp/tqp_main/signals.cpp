@@ -48,6 +48,8 @@ static const signal_row signal_rows[] = {
     // clang-format off
     {SIGCHLD,      raise_flag<sigchild>,                       true},
     {SIGTERM,      raise_flag<sig_stop_comp>,                  true},
+    {SIGINT,       raise_flag<sig_stop_comp>,                  true},
+    {SIGHUP,       raise_flag<sig_stop_comp>,                  true},
     {SIGRTMIN + 2, nullptr,                                    true},
     {SIGRTMIN + 3, raise_flag<sig_test_post_proc>,             true},
     {SIGRTMIN + 4, raise_flag<sig_trace_level_change>,         true},
@@ -72,6 +74,10 @@ static void install(const signal_row &row) {
   action.sa_handler = row.handler;
   action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
+  struct sigaction before = {};
+  sigaction(row.signal, nullptr, &before);
+  if (row.signal == SIGHUP && before.sa_handler == SIG_IGN) // started by nohup: outlives its terminal
+    return;
   if (row.handler)
     sigaction(row.signal, &action, nullptr);
 }

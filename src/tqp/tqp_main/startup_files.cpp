@@ -182,6 +182,28 @@ void tqp_find_partitions() {
   g_process_done_partition = strtoll(first_unfinished.c_str(), nullptr, 10);
 }
 
+// The process would empty the names that rows of done partitions use, and read those partitions no more.
+void tqp_warn_of_starting_over() {
+  if (resume_flag != 0)
+    return;
+  int done = 0;
+  DIR *dir = opendir(base_dir.c_str());
+  while (const dirent *entry = dir ? readdir(dir) : nullptr) // NOLINT(concurrency-mt-unsafe): this thread's alone
+    if (wllb_is_numeric(entry->d_name) &&
+        wllb_path_exists((base_dir + entry->d_name + "/tq/csv/.tqp_process_done_v2.txt").c_str()))
+      ++done;
+  if (dir)
+    closedir(dir);
+  if (done == 0)
+    return;
+  const std::string text =
+      wllb_format("-r 0: %stq/csv is emptied, which has the names for the rows of %d partitions that are "
+                  "done and will not be read again; tq_reset takes back all of it",
+                  base_dir.c_str(), done);
+  fprintf(stderr, "tqp: warning: %s\n", text.c_str());
+  wllb_trace(1, "Warning", "%s", text.c_str());
+}
+
 // --- profile ---------------------------------------------------------------------------------------------------------
 
 static bool is_newer(const timespec &a, const timespec &b) {

@@ -68,6 +68,9 @@ struct tqp_instance_mon_stat_info_t {
   uint32_t dead_flowpath_count WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0;
   uint32_t processed_flowpath_count WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0;
   uint32_t raw_data_processed_size_mb WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = 0; // bytes, in spite of its name
+  // The same ten since the instance came, in the order of the metrics' rows, and how far they have been added up.
+  uint64_t totals[10] WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = {};
+  uint32_t added_up[10] WLLB_GUARDED_BY(tqp_instance_mon_str_lock) = {};
 };
 
 struct tqp_instance_t {

@@ -33,31 +33,53 @@ const char *behind_keyword(const char *text, const std::string &keyword) {
   return text + strspn(text, " \t\n\v\f\r") + keyword.size();
 }
 
-int parse_line(const char *text, std::string *err_msg) {
+// A line of the file in words; no words for an empty line or a comment.
+kw_line line_of(const char *text) {
   text += strspn(text, " \t");
   if (*text && strchr("# \t\n\r", *text))
-    return 0;
-  kw_line line{.words = wllb_words(text, kw_max_words), .rest = "", .err_msg = err_msg};
+    return {};
+  kw_line line{.words = wllb_words(text, kw_max_words), .rest = ""};
+  if (line.words.size() > 1)
+    line.rest = behind_keyword(text, line.words[0]);
+  return line;
+}
+
+int parse_line(kw_line line) {
   if (line.words.size() < 2) {
     wllb_trace(2, "Error", "error keyword = %s,  text1 = %s\n", line.word(0), line.word(1));
     return 0;
   }
-  line.rest = behind_keyword(text, line.words[0]);
   const kw_row *row = kw_find_row(line.words[0]);
   return row ? kw_apply_row(*row, line) : 0;
 }
 } // namespace
 
+std::string kw_for_each_line(const char *path,
+                             const std::function<int(const kw_line &line, int number, bool cut)> &take) {
+  const wllb_file file = open_regular_file(path);
+  if (!file)
+    return wllb_format("Error in opening file %s\n", path);
+  std::vector<char> text(line_limit);
+  int number = 1;
+  while (fgets(text.data(), line_limit, file.get())) {
+    const size_t length = strlen(text.data());
+    const kw_line line = line_of(text.data());
+    if (!line.words.empty() && take(line, number, length == line_limit - 1 && text[length - 1] != '\n') < 0)
+      break;
+    number += length > 0 && text[length - 1] == '\n';
+  }
+  return "";
+}
+
 int read_config_file_and_parse_tq_keywords(const char *path, std::string *err_msg) {
   tq_conf_path = path;
-  const wllb_file file = open_regular_file(path);
-  if (!file) {
-    *err_msg = wllb_format("Error in opening file %s\n", path);
-    return -1;
-  }
-  std::vector<char> text(line_limit);
-  while (fgets(text.data(), line_limit, file.get()))
-    if (parse_line(text.data(), err_msg) < 0)
-      return -1;
-  return 0;
+  bool good = true;
+  const std::string unreadable = kw_for_each_line(path, [&](kw_line line, int, bool) {
+    line.err_msg = err_msg;
+    good = parse_line(std::move(line)) >= 0;
+    return good ? 0 : -1;
+  });
+  if (!unreadable.empty())
+    *err_msg = unreadable;
+  return good && unreadable.empty() ? 0 : -1;
 }

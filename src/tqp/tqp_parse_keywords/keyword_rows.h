@@ -9,6 +9,7 @@
 #include "tqp_parse_keywords.h"
 
 #include <climits>
+#include <functional>
 #include <span>
 
 constexpr size_t kw_max_words = 11; // the keyword and at most ten values
@@ -17,7 +18,7 @@ constexpr size_t kw_max_words = 11; // the keyword and at most ten values
 struct kw_line {
   std::vector<std::string> words; // the keyword first
   const char *rest;               // all that stands behind the keyword, with the line end
-  std::string *err_msg;           // for a handler that ends the parsing
+  std::string *err_msg = nullptr; // for a handler that ends the parsing
 
   const char *word(size_t i) const { return i < words.size() ? words[i].c_str() : ""; }
 };
@@ -48,7 +49,15 @@ struct kw_row {
   int def = 0;                     // in the global's unit
   int shown = kw_shown_as_set;     // the default as the complaint prints it, where that differs
   bool fixed = false;              // the process puts the default back after parsing
+  bool read_before_fixing = false; // ... after it has been used, so that the word has its effect
   bool bare = false;               // the complaint stands without the common front
+  bool unused = false;             // nothing reads what the row sets
+  // For people: what the words after the keyword are, with units; what they may be and their default, where that does not
+  // follow from the fields above; what they are for.
+  const char *words = nullptr;
+  const char *accepted = nullptr;
+  const char *default_text = nullptr;
+  const char *meaning = nullptr;
   const char *complaint = nullptr; // null: silent. The last %d is the default; before it, %s is the word, %d its number
   kw_handler own = nullptr; // null: kw_set_plain. Gives 0, or -1 with a reason in line.err_msg to end the parsing
 };
@@ -61,6 +70,18 @@ const kw_row *kw_find_row(std::string_view keyword);
 
 // Gives the line to its row. 0, or -1 with the reason in line.err_msg.
 int kw_apply_row(const kw_row &row, const kw_line &line);
+
+// Whether the row's rule takes a word, whose number is `given`.
+bool kw_accepts(const kw_row &row, const char *word, int given);
+
+// For people: which values the row takes, "8 to 1048576", and its default, both in the unit of the words.
+std::string kw_accepted_text(const kw_row &row);
+std::string kw_default_text(const kw_row &row);
+
+// Calls take with each line that has a word and is no comment, its number in the file from 1, and whether it was cut at the
+// longest line's length, until that gives a number below 0. "" or why the file cannot be read, with a newline.
+std::string kw_for_each_line(const char *path,
+                             const std::function<int(const kw_line &line, int number, bool cut)> &take);
 
 // Sets the row's value by its rule, limits and unit.
 void kw_set_plain(const kw_row &row, const char *word);
@@ -92,7 +113,11 @@ int kw_set_tqp_num_nonprep_sql_load_at_init(const kw_row &row, const kw_line &li
 int kw_set_tqp_periodic_scandir_time(const kw_row &row, const kw_line &line);
 int kw_set_tqp_interval_to_dump_sql_timing_data(const kw_row &row, const kw_line &line);
 int kw_set_tqp_sql_query_similarity_percentage(const kw_row &row, const kw_line &line);
+int kw_leave_to_loader(const kw_row &row, const kw_line &line);
 
 // The layout of a flowpath number, such as "TQEID:56:4;AppID:46:10;TS:8:38;SeqNo:0:8;". -1 with the reason in
 // *err_msg and the layout unchanged, or 0.
 int kw_set_tq_fpi_mask(const char *value, std::string *err_msg);
+
+// The same test, and the layout stays as it is.
+int kw_check_tq_fpi_mask(const char *value, std::string *err_msg);

@@ -94,6 +94,7 @@ int tqp_add_pid_to_cgroups;
 int tqp_copy_recovery_files;
 int tqp_print_summary_report;
 int tqp_max_instances;
+int tqp_metrics_file_sec;
 int tqp_enable_string_similarity_for_sql;
 double tqp_sql_query_similarity_percentage;
 

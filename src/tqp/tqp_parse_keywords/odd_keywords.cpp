@@ -219,17 +219,27 @@ int64_t check_time_in_min_sec_or_hr(const char *text) {
 
 // --- flowpath number ----------------------------------------------------------------------------------------
 
-int kw_set_tq_fpi_mask(const char *value, std::string *err_msg) {
-  fpi_layout layout;
+static int read_fpi_layout(const char *value, fpi_layout &layout, std::string *err_msg) {
   const char *reason = collect_fpi_layout(fpi_tokens(value), layout);
   if (!reason)
     reason = check_fpi_layout(layout);
-  if (reason) {
-    *err_msg = wllb_format(
-        "Invaild Format in TQ_FPI_MASK Keyword. %s Example <TQ_FPI_MASK TQEID:56:4;AppID:46:10;TS:8:38;SeqNo:0:8;>",
-        reason);
+  if (!reason)
+    return 0;
+  *err_msg = wllb_format(
+      "Invaild Format in TQ_FPI_MASK Keyword. %s Example <TQ_FPI_MASK TQEID:56:4;AppID:46:10;TS:8:38;SeqNo:0:8;>",
+      reason);
+  return -1;
+}
+
+int kw_check_tq_fpi_mask(const char *value, std::string *err_msg) {
+  fpi_layout layout;
+  return read_fpi_layout(value, layout, err_msg);
+}
+
+int kw_set_tq_fpi_mask(const char *value, std::string *err_msg) {
+  fpi_layout layout;
+  if (read_fpi_layout(value, layout, err_msg) != 0)
     return -1;
-  }
   for (size_t i = 0; i < fpi_field_count; ++i)
     set_fpi_field(fpi_fields[i], static_cast<int>(layout[i].start), static_cast<int>(layout[i].bits));
   return 0;
@@ -376,6 +386,11 @@ int kw_set_tqp_map_unknown_sql_query_to_custom_query_str(const kw_row &, const k
     dummy_query = static_cast<char *>(wllb_new_block(size, "dummy_query"));
     memcpy(dummy_query, query, size);
   }
+  return 0;
+}
+
+// The loader reads the same file by itself.
+int kw_leave_to_loader(const kw_row &, const kw_line &) {
   return 0;
 }
 

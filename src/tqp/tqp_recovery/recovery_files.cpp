@@ -12,6 +12,7 @@
 #include "data_files.h"
 #include "file_holes.h"
 #include "metadata_request.h"
+#include "wllb_fail.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -442,7 +443,8 @@ static void load_map(tqp_instance_t *inst, const loc2norm_row &row) {
 [[noreturn]] static void usage_tqp_offline_recovery_file(const tqp_instance_t *inst) {
   printf("TQP Partition based Processing Error: Recovery file not found in Partition %lld for Instance = %s.\n",
          static_cast<long long>(inst->partition_idx), inst->tier_server_app_name);
-  wllb_exit(-1);
+  wllb_fail(-1, "recovery file not found in partition %lld for instance %s of %s",
+            static_cast<long long>(inst->partition_idx), inst->tier_server_app_name, base_dir.c_str());
 }
 
 // The first event of a raw file that begins a flowpath (2, 80, 82) or the agent's resending (11); 0: none.

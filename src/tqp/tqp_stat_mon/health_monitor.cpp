@@ -8,6 +8,7 @@
 #include "tqp_stat_mon.h"
 
 #include "monitor_link.h"
+#include "service_report.h"
 #include "tqp_init.h"
 
 #include <sys/stat.h>
@@ -112,11 +113,14 @@ static void put_process_line(std::string *buf) {
 // --- numbers of the instances ------------------------------------------------------------------------------------
 
 static void tqp_reset_monitor_data(tqp_instance_mon_stat_info_t *n) WLLB_REQUIRES(n->tqp_instance_mon_str_lock) {
+  tqp_add_up_counts(n); // metrics go on where samples begin anew
   for (uint32_t *count : {&n->entry_record_missing_count, &n->invalid_method_timestamp_count, &n->invalid_rawdata_count,
                           &n->metadata_recovery_req_count, &n->large_flowpaths_count, &n->prv_partition_flowpath_count,
                           &n->older_partition_flowpath_count, &n->dead_flowpath_count, &n->processed_flowpath_count,
                           &n->raw_data_processed_size_mb})
     *count = 0;
+  for (uint32_t &count : n->added_up)
+    count = 0;
 }
 
 // Read and cleared in one hold, so that nothing is lost between. The rate is meant for intervals of whole minutes; below

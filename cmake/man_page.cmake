@@ -1,0 +1,17 @@
+# Makes a manual page: the template IN with @BODY@ replaced by what PROGRAM says with its arguments ARGS.
+set(ENV{WLLB_HELP_MDOC} 1)
+set(ENV{ASAN_OPTIONS} detect_leaks=0)
+execute_process(COMMAND ${PROGRAM} ${ARGS} OUTPUT_VARIABLE BODY RESULT_VARIABLE FAILED)
+if(FAILED)
+  message(FATAL_ERROR "${PROGRAM} ${ARGS}: ${FAILED}")
+endif()
+if(NOT BODY MATCHES "^[.]")
+  # A program that does not know this form: its help as it stands.
+  set(BODY ".Sh DESCRIPTION\n.Bd -literal\n${BODY}.Ed\n")
+endif()
+file(READ ${IN} PAGE)
+string(FIND "${PAGE}" [[@BODY@]] AT)
+string(SUBSTRING "${PAGE}" 0 ${AT} FRONT)
+math(EXPR AFTER "${AT} + 7")
+string(SUBSTRING "${PAGE}" ${AFTER} -1 REST)
+file(WRITE ${OUT} "${FRONT}${BODY}${REST}")
