@@ -412,7 +412,7 @@ bench_restart() {
   make_restart_template template
   csv=$top/template/logs/TR1/tq/csv
   rm -f ./*.runs
-  for run in $runs; do
+  for _ in $runs; do
     [ -z "$mawk" ] || measure mawk taskset -c 0 mawk -F, '{s+=$3; n+=NF}' "$csv"/*.csv
     run_restart
   done

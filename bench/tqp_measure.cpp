@@ -24,7 +24,7 @@ static double seconds_of(const timeval &time) {
 }
 
 [[noreturn]] static void become(char **argv) {
-  const int nowhere = open("/dev/null", O_WRONLY);
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
   if (nowhere >= 0)
     dup2(nowhere, STDOUT_FILENO);
   execvp(argv[0], argv);

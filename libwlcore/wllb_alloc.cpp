@@ -65,10 +65,13 @@ void wllb_install_new_handler() {
   });
 }
 
+// NOLINTBEGIN(concurrency-mt-unsafe): called before any thread starts
 void wllb_tune_heap() {
   mallopt(M_MMAP_THRESHOLD, static_cast<int>(heap_limit));
   mallopt(M_TRIM_THRESHOLD, static_cast<int>(heap_limit));
 }
+
+// NOLINTEND(concurrency-mt-unsafe)
 
 static void *take_zeroed(size_t size) {
   if (!is_mapped(size))

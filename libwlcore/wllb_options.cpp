@@ -90,7 +90,7 @@ static std::string take_value(const wllb_option &row, const char *value, bool by
   if (row.text)
     *row.text = value;
   if (row.number || row.number32)
-    if (const std::string why = take_number(row, value, by_letter); !why.empty())
+    if (std::string why = take_number(row, value, by_letter); !why.empty())
       return why;
   if (row.words)
     return take_word(row, value);
@@ -177,7 +177,8 @@ wllb_options_found wllb_parse_options(std::span<const wllb_option> rows, int arg
     if (why.empty())
       continue;
     const std::string option = option_text(*row, id < long_base);
-    mistake->text = optarg ? wllb_format("%s: '%s' %s", option.c_str(), optarg, why.c_str()) : option + " " + why;
+    mistake->text = optarg ? wllb_format("%s: '%s' %s", option.c_str(), optarg, why.c_str())
+                           : wllb_format("%s %s", option.c_str(), why.c_str());
     return WLLB_OPTIONS_MISTAKE;
   }
   mistake->text = optind < argc ? wllb_format("'%s' is not an option", argv[optind]) : missing_option(rows, given);

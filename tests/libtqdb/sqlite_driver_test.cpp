@@ -189,8 +189,8 @@ TEST(percentile, is_exact_at_the_steps_and_linear_between_them) {
   ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);
   for (const auto &[level, wanted] : {std::pair<double, double>{0.5, 50}, {0.95, 95}, {0.99, 99}, {0.05, 5}}) {
     sqlite3_stmt *s = nullptr;
-    const std::string sql =
-        "SELECT " + percentile_sql(level, "n", "longest", false) + " FROM (SELECT 100 AS n, 100 AS longest, " + row + ")";
+    const std::string sql = "SELECT " + percentile_sql(level, "n", "longest", false) +
+                            " FROM (SELECT 100 AS n, 100 AS longest, " + row + ")";
     ASSERT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
     ASSERT_EQ(sqlite3_step(s), SQLITE_ROW);
     EXPECT_NEAR(sqlite3_column_double(s, 0), wanted, 1e-9);

@@ -114,7 +114,7 @@ static void find_files(const std::string &base, const std::string &below, int de
   closedir(dir);
   std::sort(names.begin(), names.end());
   for (const std::string &name : names) {
-    const std::string path = base + "/" + name;
+    const std::string path = wllb_format("%s/%s", base.c_str(), name.c_str());
     struct stat about;
     if (lstat(path.c_str(), &about) != 0)
       continue;
@@ -155,7 +155,8 @@ static pid_t find_daemon(const std::string &base) {
   for (fs::directory_iterator process("/proc", error), end; !error && process != end; process.increment(error)) {
     const std::string name = process->path().filename().string();
     const auto pid = static_cast<pid_t>(strtol(name.c_str(), nullptr, 10));
-    if (wllb_is_numeric(name) && wllb_process_name(pid).starts_with("tqp") && has_files_below(process->path().string(), real))
+    if (wllb_is_numeric(name) && wllb_process_name(pid).starts_with("tqp") &&
+        has_files_below(process->path().string(), real))
       return pid;
   }
   return 0;
@@ -187,9 +188,9 @@ static bool remove_directory(const std::string &path) {
 static int remove_all(const std::string &base, const found_files &found) {
   bool good = true;
   for (const std::string &name : found.files)
-    good = remove_path(base + "/" + name) && good;
+    good = remove_path(wllb_format("%s/%s", base.c_str(), name.c_str())) && good;
   for (const std::string &name : found.directories)
-    good = remove_directory(base + "/" + name) && good;
+    good = remove_directory(wllb_format("%s/%s", base.c_str(), name.c_str())) && good;
   if (good)
     printf("%zu files removed, %lld bytes\n", found.files.size(), static_cast<long long>(found.bytes));
   return good ? 0 : 1;

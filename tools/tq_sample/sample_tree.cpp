@@ -371,8 +371,8 @@ static void walk_tree(sample_walk &walk) {
   while (!walk.open.empty()) {
     cut_long_piece(walk);
     const uint32_t dice = walk.random->below(100);
-    if (walk.left == 0) // NOLINT(bugprone-branch-clone): the last one is for the other throws of the dice
-      leave_method(walk, false, 0);
+    if (walk.left == 0)
+      leave_method(walk, false, 0); // NOLINT(bugprone-branch-clone): the last one is for the other throws of the dice
     else if (dice < 30 && walk.open.size() < max_depth)
       enter_method(walk, SAMPLE_INNER);
     else if (dice < 70)

@@ -177,7 +177,8 @@ int main(int argc, char **argv) {
   upload_options options;
   if (const std::optional<int> status = upload_read_options(argc, argv, &options))
     return *status;
-  mallopt(M_ARENA_MAX, 1);  // two threads that hand rows on: what one gives back, the other takes
+  // Two threads hand rows on: what one gives back, the other takes.
+  mallopt(M_ARENA_MAX, 1);  // NOLINT(concurrency-mt-unsafe): no other thread yet
   signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is a full disk like any other
   upload_watch watch;
   if (options.status)

@@ -195,7 +195,8 @@ static size_t row_room(std::string_view text) {
 }
 
 // Formats a row into memory of row_room bytes; returns its end.
-static char *format_row(char *to, metadata_format format, int norm_id, int type, std::string_view text) {
+static char *format_row(char *to, // NOLINT(readability-non-const-parameter): the cursor writes there
+                        metadata_format format, int norm_id, int type, std::string_view text) {
   tqp_row_cursor cursor = {to};
   if (format == TEXT_ID)
     return cursor.text(text).text(",").number(norm_id, '\n').at;

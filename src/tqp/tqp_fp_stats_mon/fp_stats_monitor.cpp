@@ -100,7 +100,7 @@ static bool total_is_due(tqp_instance_t *inst) {
 }
 
 // The total of an instance whose numbers go on.
-static void put_total_alone(std::string *totals, tqp_instance_t *inst) {
+static void put_total_alone(std::string *totals, tqp_instance_t *inst) WLLB_REQUIRES(tqp_imap_lock) {
   const std::string name = tqp_display_name(inst);
   tqp_add_total_of_run_before(inst, name);
   uint64_t total;

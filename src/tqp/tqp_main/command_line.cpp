@@ -117,7 +117,8 @@ std::optional<int> tqp_parse_command_line(int argc, char **argv, tqp_command_lin
 }
 
 int tqp_take_working_directory(const tqp_command_line &given) {
-  const char *dir = given.working_dir ? given.working_dir : getenv("WL_WDIR");
+  const char *dir =
+      given.working_dir ? given.working_dir : getenv("WL_WDIR"); // NOLINT(concurrency-mt-unsafe): no other thread yet
   if (!dir) {
     puts("WL_WDIR env variable is not set.");
     wllb_report_mistake(program, "the working directory is not known: neither -W nor WL_WDIR is set");
@@ -127,7 +128,7 @@ int tqp_take_working_directory(const tqp_command_line &given) {
   for (size_t len = strlen(wl_wdir); len > 1 && wl_wdir[len - 1] == '/'; --len)
     wl_wdir[len - 1] = 0; // its last name is the controller's
   if (given.working_dir)
-    setenv("WL_WDIR", wl_wdir, 1);
+    setenv("WL_WDIR", wl_wdir, 1); // NOLINT(concurrency-mt-unsafe): no other thread yet
   return 0;
 }
 

@@ -83,7 +83,7 @@ void tqp_shutdown(int epfd) {
   tqp_wait_for_instance_threads(epfd);
   tqp_join_service_threads();
   tqp_wait_for_instance_threads(epfd); // the control thread may have started one meanwhile
-  tqp_note_stopping(); // only now: without a parent the wait is the work
+  tqp_note_stopping();                 // only now: without a parent the wait is the work
   close(epfd);
   end_with_upload_child();
   tq_close();

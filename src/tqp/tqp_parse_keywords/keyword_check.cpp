@@ -79,7 +79,7 @@ std::string number_fault(const char *word) {
 }
 
 std::string check_plain(const kw_row &row, const char *word) {
-  const std::string fault = number_fault(word);
+  std::string fault = number_fault(word);
   if (kw_accepts(row, word, kw_int(word)))
     return fault;
   const bool number = fault.find(" is not a number;") == std::string::npos;
@@ -96,7 +96,7 @@ std::string check_count(const char *word, const char *name, int fallback) {
 }
 
 std::string check_seq_blob(const kw_row &row, const kw_line &line) {
-  if (const std::string why = check_plain(row, line.word(1)); !why.empty())
+  if (std::string why = check_plain(row, line.word(1)); !why.empty())
     return why;
   const char version = *line.word(2);
   if (version && (version < 'A' || version > 'C'))
@@ -109,16 +109,16 @@ std::string check_db_timing(const kw_row &, const kw_line &line) {
   for (size_t i = 1; i <= flags && i < line.words.size(); ++i)
     if (*line.word(i) == '#')
       return wllb_format("has %zu flags of %zu; the words after them count as 0", i - 1, flags);
-    else if (const std::string why = number_fault(line.word(i)); !why.empty())
+    else if (std::string why = number_fault(line.word(i)); !why.empty())
       return why;
   const size_t given = line.words.size() - 1;
   return given < flags ? wllb_format("has %zu flags of %zu; the missing ones are 0", given, flags) : "";
 }
 
 std::string check_mempool(const kw_row &, const kw_line &line) {
-  if (const std::string why = number_fault(line.word(1)); !why.empty() || kw_int(line.word(1)) == 0)
+  if (std::string why = number_fault(line.word(1)); !why.empty() || kw_int(line.word(1)) == 0)
     return why;
-  const std::string why = check_count(line.word(2), "first count", 64);
+  std::string why = check_count(line.word(2), "first count", 64);
   return why.empty() ? check_count(line.word(3), "second count", 64) : why;
 }
 

@@ -255,7 +255,7 @@ int kw_set_tqp_seq_blob_in_file_flag(const kw_row &row, const kw_line &line) {
   kw_set_plain(row, line.word(1));
   if (const char version = *line.word(2)) {
     const bool good = 'A' <= version && version <= 'C';
-    tqp_seq_blob_in_file_version = good ? version : seq_blob_version_default;
+    tqp_seq_blob_in_file_version = static_cast<unsigned char>(good ? version : seq_blob_version_default);
     if (!good)
       kw_error(
           "TQP_SEQ_BLOB_IN_FILE_FLAG allowed values for version (second) field are A, B or C, read value = %c, setting default value = %c",
