@@ -26,6 +26,18 @@ static void put_member(const test_run &run, std::string_view partition, int64_t 
            partition.data(), app, offset, length);
 }
 
+// Every member of one segment: its texts, which follow each other, then what was captured.
+static void put_segment(const test_run &run, const segment_record &line, int64_t app) {
+  int64_t offset = line.offset;
+  for (const int64_t length : {line.callout_packed, line.blob_packed, line.detail_packed}) {
+    put_member(run, line.partition, app, offset, length);
+    offset += length;
+  }
+  for (std::string_view texts : {line.dynamic_texts, line.request_bodies, line.response_bodies})
+    for (text_reference captured; take_reference(&texts, &captured);)
+      put_member(run, captured.partition, app, captured.offset, captured.length);
+}
+
 static int write_plan(const char *dir, const char *testrun) {
   test_run run;
   if (const error failed = open_run(dir, atoi(testrun), &run)) {
@@ -42,16 +54,8 @@ static int write_plan(const char *dir, const char *testrun) {
       if (rows.reason() || !read_reference(row.reference, &at) || read_segment_list(&store, row, &list))
         continue;
       put_member(run, at.partition, row.app, at.offset, at.length);
-      for (const segment_record &line : list.segments) {
-        int64_t offset = line.offset;
-        for (const int64_t length : {line.callout_packed, line.blob_packed, line.detail_packed}) {
-          put_member(run, line.partition, row.app, offset, length);
-          offset += length;
-        }
-        for (std::string_view texts : {line.dynamic_texts, line.request_bodies, line.response_bodies})
-          for (text_reference captured; take_reference(&texts, &captured);)
-            put_member(run, captured.partition, row.app, captured.offset, captured.length);
-      }
+      for (const segment_record &line : list.segments)
+        put_segment(run, line, row.app);
     }
     return true;
   });

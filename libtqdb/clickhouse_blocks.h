@@ -24,7 +24,7 @@ struct clickhouse_marks {
 struct clickhouse_block {
   explicit clickhouse_block(table_id id);
 
-  void add(const row_batch &rows, size_t row);
+  void add(const row_batch &batch, size_t row);
   void clear();
 
   size_t rows() const { return count; }

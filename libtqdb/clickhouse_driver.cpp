@@ -73,13 +73,13 @@ private:
   open_result not_opened(const clickhouse_server &server);
   open_result find_shards();
   open_result migrate(clickhouse_server *server);
-  bool settle(clickhouse_server *server);
+  bool settle_units(clickhouse_server *server);
   bool read_positions(clickhouse_server *server, std::map<std::string, std::pair<uint64_t, load_position>> *newest);
   bool read_gaps(clickhouse_server *server);
   std::string never_committed() const;
   bool remove_uncommitted(clickhouse_server *server);
   bool remove_rows(clickhouse_server *server, const std::vector<std::pair<std::string, std::string>> &tables_and_rows);
-  bool send(size_t server, size_t table);
+  bool send(size_t server, size_t id);
   bool roll_up(clickhouse_server *server, const table &t);
   take_result roll_up_all();
   bool drop_partitions(clickhouse_server *server, int32_t testrun, int32_t node);
@@ -178,7 +178,7 @@ open_result clickhouse_driver::migrate(clickhouse_server *server) {
 }
 
 // Waits until the server does nothing more for a loader that was here before. What it had received whole it may still store.
-bool clickhouse_driver::settle(clickhouse_server *server) {
+bool clickhouse_driver::settle_units(clickhouse_server *server) {
   const std::string ours = "startsWith(query_id, " + clickhouse_literal(query_id()) + ")";
   const time_t limit = time(nullptr) + settle_seconds;
   std::string answer;
@@ -248,8 +248,8 @@ bool clickhouse_driver::remove_rows(clickhouse_server *server,
                                     const std::vector<std::pair<std::string, std::string>> &tables_and_rows) {
   std::string count, answer;
   for (const auto &[name, rows] : tables_and_rows)
-    count += std::string(count.empty() ? "" : " UNION ALL ") + "SELECT '" + name + "' AS name, count() AS n FROM " +
-             name + " WHERE " + rows;
+    count += wllb_format("%sSELECT '%s' AS name, count() AS n FROM %s WHERE %s", count.empty() ? "" : " UNION ALL ",
+                         name.c_str(), name.c_str(), rows.c_str());
   if (count.empty() || !server->run("SELECT name FROM (" + count + ") WHERE n > 0", &answer))
     return count.empty();
   if (answer.empty())
@@ -312,7 +312,7 @@ open_result clickhouse_driver::open(const load_scope &for_whom, load_state *stat
     result = migrate(server.get());
     if (result != TQDB_READY)
       return result;
-    if (!settle(server.get()) || !read_positions(server.get(), &newest) || !read_gaps(server.get()))
+    if (!settle_units(server.get()) || !read_positions(server.get(), &newest) || !read_gaps(server.get()))
       return not_opened(*server);
   }
   for (const auto &server : servers)
@@ -448,7 +448,7 @@ take_result clickhouse_driver::roll_up_all() {
 
 take_result clickhouse_driver::finish() {
   for (const auto &server : servers)
-    if (!settle(server.get()) || !remove_uncommitted(server.get()))
+    if (!settle_units(server.get()) || !remove_uncommitted(server.get()))
       return failed(*server);
   return roll_up_all();
 }

@@ -88,7 +88,7 @@ template <class T> static size_t take_piece(char *bytes, size_t /*one*/, size_t 
   return t->enough ? 0 : size; // 0 ends the transfer
 }
 
-clickhouse_server::clickhouse_server(std::string_view of_host, int of_port, clickhouse_login login)
+clickhouse_server::clickhouse_server(std::string_view of_host, int of_port, const clickhouse_login &login)
     : host(of_host), port(of_port), http(std::make_unique<transfer>()) {
   static const CURLcode once = curl_global_init(CURL_GLOBAL_ALL);
   CURL *curl = http->curl;

@@ -37,7 +37,7 @@ struct clickhouse_server {
   clickhouse_trouble trouble = CLICKHOUSE_FINE;
   int code = 0; // the server's number of the last error; 0: the error is not the server's
 
-  clickhouse_server(std::string_view host, int port, clickhouse_login login);
+  clickhouse_server(std::string_view of_host, int of_port, const clickhouse_login &login);
   ~clickhouse_server();
   clickhouse_server(const clickhouse_server &) = delete;
   clickhouse_server &operator=(const clickhouse_server &) = delete;

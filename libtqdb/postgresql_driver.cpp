@@ -58,7 +58,7 @@ private:
   bool make_indexes();
   bool read_positions(load_state *state);
   bool begin_unit();
-  bool copy_into(const std::string &table, const row_batch &rows);
+  bool copy_into(const std::string &name, const row_batch &rows);
   bool merge_stage(const table &t);
 };
 
@@ -239,7 +239,8 @@ static std::string added(const std::string &sum, column_type type) {
 }
 
 static std::string merged_column(const column &c) {
-  const std::string here = std::string("here.") + c.name, there = std::string("excluded.") + c.name;
+  const std::string here = std::string("here.") + c.name;
+  std::string there = std::string("excluded.") + c.name;
   switch (c.role) {
   case TQDB_ADD:
     return added(here + (c.type == TQDB_I64 ? "::numeric + " : " + ") + there, c.type);
