@@ -30,6 +30,9 @@ eventually() {
   return 1
 }
 
+times() { grep -c "$1" said.txt || true; }
+goes_on() { [ "$(times waiting)" -eq "$(times 'goes on')" ]; }
+
 for how in finished following; do
   rm -f disk/* said.txt
   mount -o remount,size=3m disk
@@ -39,9 +42,11 @@ for how in finished following; do
   loader=$!
   eventually grep -qs waiting said.txt || { echo "$how: a full disk is not reported"; cat said.txt; exit 1; }
   sleep 1 # several attempts
-  [ "$(grep -c waiting said.txt)" -eq 1 ] || { echo "$how: reported more than once"; cat said.txt; exit 1; }
+  # A unit that still fits may go in between: then it goes on for a moment, and the next full disk is a new one.
+  [ "$(times waiting)" -le 2 ] && [ "$(times waiting)" -le $(($(times 'goes on') + 1)) ] ||
+    { echo "$how: reported more than once"; cat said.txt; exit 1; }
   mount -o remount,size=200m disk
-  eventually grep -qs 'goes on' said.txt || { echo "$how: it does not go on"; cat said.txt; exit 1; }
+  eventually goes_on || { echo "$how: it does not go on"; cat said.txt; exit 1; }
   [ $how = finished ] || kill -s RTMIN+3 $loader
   wait $loader || { echo "$how: status $?"; cat said.txt; exit 1; }
   "${load[@]}" sqlite:whole.sqlite >/dev/null 2>&1
@@ -49,5 +54,5 @@ for how in finished following; do
     cmp <(sqlite3 disk/t.sqlite "SELECT * FROM $table" | LC_ALL=C sort) \
       <(sqlite3 whole.sqlite "SELECT * FROM $table" | LC_ALL=C sort) || { echo "$how: $table differs"; exit 1; }
   done
-  echo "$how: $(grep waiting said.txt)"
+  echo "$how: $(grep -m1 waiting said.txt)"
 done
