@@ -12,7 +12,7 @@ BUILD = os.path.join(TREE, "build/debug")
 EQUAL = "scripts/mutants_equal.txt"
 BAR = 0.85
 
-# What is exchanged for what; each pattern counts once a line, at a place that the seed picks.
+# What is exchanged for what; each pattern counts once a line, at a place that chance picks.
 EXCHANGES = [
     (r"(?<![<>=!+\-*/&|^-])<=(?!=|>)", "<"),
     (r"(?<![<>=!-])>=(?!=)", ">"),
