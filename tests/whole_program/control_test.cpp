@@ -183,7 +183,7 @@ TEST_F(control, a_file_nobody_has_found_keeps_its_partition_from_being_done) {
   raw(identity());
   start_connected();
   EXPECT_TRUE(reads("Tier_Server_App"));
-  raw(identity("Tier_Server_Found") + method(1, "found.A.one()V"), "Tier_Server_Found");
+  raw(identity("Tier_Server_Found", 3, 4, 6) + method(1, "found.A.one()V"), "Tier_Server_Found");
   raw(identity(), "Tier_Server_App", second_partition);
   begin_newest_of({first_partition, second_partition});
   EXPECT_TRUE(traced("Partition " + first_partition + " is not marked as done: 1 raw files are not read", 1));

@@ -145,14 +145,14 @@ TEST_F(tqp_test_run, bad_records_are_told_counted_and_skipped) {
 }
 
 TEST_F(tqp_test_run, noise_nuls_and_endless_lines_hurt_nobody_else) {
-  std::string noise = identity("Noisy_Server_App");
+  std::string noise = identity("Noisy_Server_App", 3, 4, 6);
   unsigned seed = 12345;
   for (int i = 0; i < 300000; ++i) {
     seed = seed * 1103515245 + 12345;
     noise += static_cast<char>(seed >> 16);
   }
   raw(noise, "Noisy_Server_App");
-  raw(identity("Long_Server_App") + "5," + std::string(600000, 'x') + ",1\n" + method(1, "never.Read.it()V"),
+  raw(identity("Long_Server_App", 3, 4, 7) + "5," + std::string(600000, 'x') + ",1\n" + method(1, "never.Read.it()V"),
       "Long_Server_App"); // longer than the read block: the thread idles there
   ASSERT_EQ(0, mkfifo(raw_path("Fifo_Server_App").c_str(), 0600));
   raw(identity() + method(1, "fine.B.run()V"));
@@ -298,8 +298,8 @@ TEST_F(tqp_test_run, an_offline_run_may_not_add_metadata_unless_told) {
 
 TEST_F(tqp_test_run, instances_are_found_over_the_chain_of_unfinished_partitions) {
   make_partitions({first_partition, second_partition, "20261122120000"});
-  raw(identity("Old_Server_App") + method(1, "old.A.one()V"), "Old_Server_App", first_partition);
-  raw(identity("Mid_Server_App") + method(1, "mid.A.one()V"), "Mid_Server_App", second_partition);
+  raw(identity("Old_Server_App", 3, 4, 6) + method(1, "old.A.one()V"), "Old_Server_App", first_partition);
+  raw(identity("Mid_Server_App", 3, 4, 7) + method(1, "mid.A.one()V"), "Mid_Server_App", second_partition);
   fs::create_directories(path(first_partition + "/tq/csv"));
   std::ofstream(path(first_partition + "/tq/csv/.tqp_process_done_v2.txt")) << "";
   EXPECT_EQ(0, run().exit_status);

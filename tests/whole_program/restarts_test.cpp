@@ -43,7 +43,9 @@ protected:
         first_partition);
     raw(identity() + flowpath(520, 3700));
     auto tqp = start(options);
-    EXPECT_TRUE(eventually([&] { return fs::exists(offset_path(first_partition)); }));
+    EXPECT_TRUE(eventually([&] { // the headers are in the same block as this name
+      return fs::exists(offset_path(first_partition)) && occurrences(common("TQURLTable.csv"), "/shop") > 0;
+    }));
     return tqp;
   }
 
