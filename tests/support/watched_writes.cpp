@@ -6,13 +6,13 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-thread_local std::function<size_t(std::string_view bytes)> watched_write;
+thread_local const write_watch *watched_write;
 
 // False for a call that is interrupted.
 static bool passes(const void *bytes, size_t *size) {
   if (!watched_write || *size == 0)
     return true;
-  *size = watched_write({static_cast<const char *>(bytes), *size});
+  *size = (*watched_write)({static_cast<const char *>(bytes), *size});
   if (*size == 0)
     errno = EINTR;
   return *size > 0;

@@ -7,5 +7,7 @@
 #include <string_view>
 
 // Called with what is about to be written. What it returns is how many bytes the system takes of it; 0 interrupts the call
-// (EINTR). Empty: no watch.
-extern thread_local std::function<size_t(std::string_view bytes)> watched_write;
+// (EINTR). Null: no watch.
+// A pointer, since signal handlers write as well, and reading it must not take memory.
+using write_watch = std::function<size_t(std::string_view bytes)>;
+extern thread_local const write_watch *watched_write;

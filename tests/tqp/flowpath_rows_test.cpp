@@ -428,13 +428,14 @@ TEST_F(flowpath_rows, bytes_wait_until_the_buffer_would_be_full) {
 
 TEST_F(flowpath_rows, no_row_stands_before_the_bytes_it_names) {
   int written = 0, early = 0;
-  watched_write = [&](std::string_view bytes) {
+  const write_watch look = [&](std::string_view bytes) {
     if (bytes.find("C:1:") != bytes.npos && bytes.find("|") == bytes.npos) { // a row, not a line of the trace
       ++written;
       early += list_of(std::string(bytes)).substr(0, 8) != "1       ";
     }
     return bytes.size();
   };
+  watched_write = &look;
   for (const int points : {0, 10, 300, 5000}) {
     start(1000 + points);
     record_array_room(fp()->ipmrt, points, 5000, "test");

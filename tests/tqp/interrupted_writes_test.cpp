@@ -22,8 +22,8 @@ static std::map<std::string, std::string> files_written(bool disturbed) {
   tqp_instance_t *inst = open_one_instance_run();
   const std::string flowpath =
       "2,5:0:0:5,10,5,1,5,q,c,1,2,3,t,1,1,,,,1\n4,5:0:0:5,200,1,1:0:0:0:0,5,-,0,x,0,0,-,-,1:1_0_0_0_1:1_1_5_1:0:0:0:0___\n";
-  if (disturbed)
-    watched_write = disturb;
+  const write_watch disturbance = disturb;
+  watched_write = disturbed ? &disturbance : nullptr;
   run_block(inst, "0,Tier,Server,App,3,4,5\n99,x,FPGVersion:2.0,JAVA\n5,a.B.c()V,1\n7,5,/shop\n6,User-Agent,3\n" +
                       std::string("23,select 1,9\n") + flowpath);
   save_tqp_app_instance_thread_state(inst);
