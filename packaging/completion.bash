@@ -45,4 +45,4 @@ _tqp_complete() {
   mapfile -t COMPREPLY < <(compgen -W "$word" -- "$cur")
 }
 
-complete -F _tqp_complete tqp tqcheck tq_reset tqtop tqshow tq_sample tqu_db_upload tqweb
+complete -F _tqp_complete tqp tqcheck tq_reset tqtop tqshow tq_sample tqu_db_upload
