@@ -392,7 +392,7 @@ bench_exports() {
   generate exported --mix all --flowpath-methods 100 --keywords "$flowpath_keywords"
   "$bin/tqp" -t 1 -W "$top/exported" -m 0 >/dev/null
   rm -f ./*.runs
-  for run in $runs; do
+  for _ in $runs; do
     for format in chrome speedscope folded otlp; do
       measure "$format" "$bin/tqshow" --dir exported --testrun 1 --export "$format" --output "$top/out"
       wc -c <"$top/out" >"$format.bytes"
