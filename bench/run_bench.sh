@@ -126,7 +126,7 @@ bar() {
 compare() {
   rm -f ./*.runs
   cat "$file" >/dev/null # the page cache is warm for the first one, too
-  for run in $runs; do
+  for _ in $runs; do
     measure wc wc -l "$file"
     [ -z "$mawk" ] || measure mawk mawk -F, '{s+=$3; n+=NF}' "$file"
     [ -z "$tqp" ] || run_tqp tqp "$1"
@@ -146,7 +146,7 @@ empty_run() {
   head -n 1 "$raw" >first_line
   cat first_line >"$raw"
   rm -f start-up.runs
-  for run in $runs; do
+  for _ in $runs; do
     run_tqp start-up empty
   done
   printf 'start-up and an empty run: %.1f MB\n' "$(peak_mb start-up)"
@@ -202,7 +202,7 @@ rates() {
 flowpath_turns() {
   rm -f ./*.runs
   cat "$file" >/dev/null
-  for run in $runs; do
+  for _ in $runs; do
     measure wc wc -l "$file"
     [ -z "$mawk" ] || measure mawk mawk -F'[,_]' '{for(i=1;i<=NF;i++) s+=$i} END{print s}' "$file"
     run_tqp tqp_A plain
@@ -275,7 +275,7 @@ in_flight_form() {
     generate_flowpaths "load_$level" 100 "$1" "$level"
     in_flight_of_file "$file"
   done
-  for run in $runs; do
+  for _ in $runs; do
     for level in $levels; do
       run_tqp "in_flight_$level" "load_$level"
     done
@@ -366,7 +366,7 @@ bench_sums() {
   timing=$(find sums_text -name TQMethodTiming.csv)
   cat "$timing" "$(find sums_binary -name '*_MethodTiming.dat')" >/dev/null
   rm -f ./*.runs
-  for run in $runs; do
+  for _ in $runs; do
     measure mawk mawk -F, '{ self[$1] += $5; cpu[$1] += $6; calls[$1] += $7; wall[$1] += $12 }
       END { for (m in self) { s += self[m]; n += calls[m] } print s, n }' "$timing"
     measure tqshow "$bin/tqshow" --dir sums_binary --testrun 1 --by method --json
